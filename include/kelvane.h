@@ -1,0 +1,297 @@
+/* kelvane.h -- the kelvane client library: sorted sets over a networked store.
+ *
+ * This header is the whole interface a program needs: handles, status codes,
+ * sorted-set flags, the time-to-live marker and the store operations. It is
+ * valid C and C++.
+ *
+ * Conventions shared by every operation:
+ *
+ * - Keys, members, values and suffixes are byte strings: a pointer and a
+ *   size_t length. They may hold any bytes, zero bytes included; no
+ *   terminating zero byte is needed or read. A null pointer is accepted only
+ *   with length 0.
+ * - Every operation but the constructors, destructors and voidtostring
+ *   returns a status: one of the KV_ codes below.
+ * - Out-parameters are written on every status, failures included: counts,
+ *   ranks and scores become 0 and pointers NULL before anything else happens,
+ *   and are filled in only on success. A required out-parameter that is NULL
+ *   gives KV_INVALID_PARAMETER.
+ * - Every buffer handed back through an out-parameter is allocated through
+ *   the client's memory manager and belongs to the caller, who frees it with
+ *   that manager's release().
+ * - Every call is synchronous and costs one round trip to the server.
+ * - A key that holds a value of another kind (a plain set made with kv_sadd
+ *   where a sorted set is expected, or the other way round) gives
+ *   KV_WRONG_REPLY and changes nothing.
+ */
+#ifndef KELVANE_H
+#define KELVANE_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Status codes ------------------------------------------------------ */
+
+#define KV_SUCCESS            0  /* the operation was carried out */
+#define KV_WRONG_REPLY       10  /* the key holds a value of another kind */
+#define KV_ALREADY_EXISTS    12  /* an insertion named an existing member; the write still landed */
+#define KV_NOTFOUND          13  /* the key does not exist; for removals: nothing was removed */
+#define KV_INVALID_PARAMETER 15  /* a null handle or out-parameter, a bad length or flag combination */
+#define KV_NO_SET_KEY        17  /* the sorted set exists but the member is not in it */
+
+/* Failures of the client itself or of the way to the server. None of them
+ * says anything about the data: the operation may or may not have landed
+ * (KV_TIMEOUT, KV_CONNECTION_LOST) or was never sent (the others). */
+#define KV_NO_SERVER         100 /* no server registered with kv_server_add */
+#define KV_CONNECT_FAILED    101 /* the server refused or did not answer the connection */
+#define KV_TIMEOUT           102 /* the server did not answer within the command timeout */
+#define KV_CONNECTION_LOST   103 /* the connection broke while the call was under way */
+#define KV_SERVER_ERROR      104 /* the server answered with an error or an unexpected reply */
+#define KV_NO_MEMORY         105 /* the memory manager could not allocate a result buffer */
+#define KV_AUTH_FAILED       106 /* the server rejected the credentials given to kv_server_add */
+
+/* ---- Sorted-set flags of the variadic reads ---------------------------- */
+/* Optional arguments follow the flags in this order, each group only when
+ * its bit is set: offset and count (int32_t, ZSET_WITH_LIMIT), the score
+ * array (double **, ZSET_WITH_SCORES), then the value array and value-length
+ * array (void *** and size_t ** for the range reads; char ** and size_t * for
+ * kv_zrank; ZSET_WITH_VALUES). */
+#define ZSET_DEFAULT     0
+#define ZSET_WITH_SCORES 1
+#define ZSET_WITH_VALUES 2
+#define ZSET_WITH_LIMIT  4
+#define ZSET_REVERSE     8
+
+/* ---- Time-to-live ------------------------------------------------------ */
+/* Every write takes a time-to-live t in seconds as its last argument:
+ * - a write that creates the key gives it t (0: the key never expires);
+ * - on an existing key a plain t changes nothing;
+ * - COMMIT_TTL(t) replaces the time-to-live of an existing key
+ *   (COMMIT_TTL(0) removes it).
+ * The marker is bit 30; the seconds are the bits below it. A negative t
+ * gives KV_INVALID_PARAMETER. */
+#define KV_TTL_COMMIT_BIT 0x40000000
+#define COMMIT_TTL(t) ((int32_t)((t) | KV_TTL_COMMIT_BIT))
+
+/* ---- Memory manager ---------------------------------------------------- */
+
+/* The allocator under a memory manager; ctx is the one given to
+ * kv_mm_create. */
+typedef void *(*kv_alloc_fn)(void *ctx, size_t size);
+typedef void (*kv_free_fn)(void *ctx, void *ptr);
+
+/* Hands out every buffer the library returns to the caller. Only the
+ * members below are public; the library keeps more state behind them. */
+typedef struct kv_mm {
+    /* Allocates size bytes that release() frees. The library uses it for
+     * every result; a caller may use it to make buffers of the same kind.
+     * Returns NULL when the allocator or the byte limit says no. */
+    void *(*allocate)(struct kv_mm *mm, size_t size);
+    /* Number of buffers handed out and not yet released. */
+    size_t (*live_count)(const struct kv_mm *mm);
+    /* Free for the caller's own use; the library never touches it. */
+    void *user_data;
+    /* Frees a buffer that allocate() handed out. Does nothing with NULL. */
+    void (*release)(void *ptr);
+} kv_mm;
+
+/* Creates a memory manager. alloc and free replace malloc and free (pass
+ * both or neither); ctx is handed to them; byte_limit caps the bytes handed
+ * out and not yet released (0: no cap). kv_mm_create(0, 0, 0, 0) is a plain
+ * malloc-backed manager. Returns NULL when it cannot allocate itself. */
+kv_mm *kv_mm_create(kv_alloc_fn alloc, kv_free_fn free, void *ctx, size_t byte_limit);
+
+/* Destroys a manager. Buffers still out stay valid and can still be
+ * released; the manager's own memory goes with the last of them. */
+void kv_mm_destroy(kv_mm *mm);
+
+/* ---- Client ------------------------------------------------------------ */
+
+typedef struct kv_client kv_client;
+
+/* Credentials for servers that require AUTH; user may be NULL for the
+ * default user. */
+typedef struct kv_credentials {
+    const char *user;
+    const char *password;
+} kv_credentials;
+
+/* Creates a client whose results are allocated through mm.
+ * connect_timeout_s: seconds to wait for a connection to be set up;
+ * command_timeout_s: seconds to wait for the answer to one call;
+ * connect_attempts:  connection attempts a call makes before it gives up
+ *                    with KV_CONNECT_FAILED.
+ * Values of 0 or below take the defaults 1, 2 and 2. Returns NULL when mm is
+ * NULL or memory runs out. */
+kv_client *kv_client_create(int32_t connect_timeout_s, int32_t command_timeout_s, kv_mm *mm,
+                            int32_t connect_attempts);
+
+/* Closes the connection and frees the client. Buffers handed out stay the
+ * caller's. */
+void kv_client_destroy(kv_client *client);
+
+/* Registers the one server the client talks to (host as dotted-decimal text
+ * or a name) and connects to it. credentials may be NULL. The server stays
+ * registered when the connection fails: every later call tries again, and
+ * the status says why this attempt failed. A second registration gives
+ * KV_ALREADY_EXISTS. */
+int32_t kv_server_add(kv_client *client, const char *host, uint32_t port,
+                      const kv_credentials *credentials);
+
+/* ---- Keys of any kind -------------------------------------------------- */
+
+/* Removes the key whatever it holds. KV_NOTFOUND when it did not exist. */
+int32_t kv_del(kv_client *client, const char *key, size_t key_len);
+
+/* The key's remaining time-to-live in whole seconds (rounded), 0 for a key
+ * that never expires. KV_NOTFOUND and 0 for an absent key. */
+int32_t kv_get_ttl(kv_client *client, const char *key, size_t key_len, int32_t *ttl);
+
+/* Adds a member to a plain (unsorted) set. KV_ALREADY_EXISTS when the member
+ * was there already. */
+int32_t kv_sadd(kv_client *client, const char *key, size_t key_len, const char *member,
+                size_t member_len, int32_t ttl);
+
+/* ---- Sorted-set writes ------------------------------------------------- */
+/* Each creates the key when it is absent. An insertion that names an
+ * existing member answers KV_ALREADY_EXISTS and still lands: the score is
+ * replaced, and so is the value where the call gives one. */
+
+/* Adds member with score and no value. An existing member keeps its value. */
+int32_t kv_zadd(kv_client *client, const char *key, size_t key_len, double score,
+                const char *member, size_t member_len, int32_t ttl);
+
+/* Adds member with score and value. */
+int32_t kv_zaddval(kv_client *client, const char *key, size_t key_len, double score,
+                   const char *member, size_t member_len, const char *value, size_t value_len,
+                   int32_t ttl);
+
+/* Adds count members at once: members[i] (members_len[i] bytes) with
+ * scores[i]. KV_ALREADY_EXISTS when any of them existed; the new ones are
+ * added all the same. A member named twice in one batch takes its last
+ * score. count 0 gives KV_INVALID_PARAMETER. */
+int32_t kv_zmadd(kv_client *client, const char *key, size_t key_len, const double *scores,
+                 const char *const *members, uint32_t count, const size_t *members_len,
+                 int32_t ttl);
+
+/* As kv_zmadd, each member with values[i] (values_len[i] bytes). */
+int32_t kv_zmaddval(kv_client *client, const char *key, size_t key_len, const double *scores,
+                    const char *const *members, uint32_t count, const size_t *members_len,
+                    const char *const *values, const size_t *values_len, int32_t ttl);
+
+/* Adds member with value at the set's highest score plus increment (the
+ * increment alone in an empty set). */
+int32_t kv_zaddvalmax(kv_client *client, const char *key, size_t key_len, const char *member,
+                      size_t member_len, const char *value, size_t value_len, double increment,
+                      int32_t ttl);
+
+/* Adds the member named by the decimal text of (highest score + increment),
+ * with that score and no value; the increment alone in an empty set. Whole
+ * scores are written as integers ("12"), others in the shortest form that
+ * reads back as the same double ("3.5"). When that member exists it gets the
+ * score, loses its value, and the call answers KV_ALREADY_EXISTS. */
+int32_t kv_zaddmaxinc(kv_client *client, const char *key, size_t key_len, int32_t increment,
+                      int32_t ttl);
+
+/* Adds with drift, max being the set's highest score when the call starts:
+ * - empty set, or score - max > drift: every earlier member but this one is
+ *   removed and member gets score, no value (KV_ALREADY_EXISTS when it was a
+ *   member already); *kept is set to NULL;
+ * - score - max <= drift: the member that held max (of several, the last in
+ *   byte order) takes score and loses its value; member itself is not added;
+ *   *kept receives that member's name as NUL-terminated text that the caller
+ *   releases. */
+int32_t kv_zadddis(kv_client *client, const char *key, size_t key_len, double score,
+                   const char *member, size_t member_len, double drift, char **kept, int32_t ttl);
+
+/* Adds increment to member's score (from 0 for a new member or key) and
+ * returns the new score, exact, in *new_score. */
+int32_t kv_zincrby(kv_client *client, const char *key, size_t key_len, const char *member,
+                   size_t member_len, double increment, double *new_score, int32_t ttl);
+
+/* ---- Sorted-set reads -------------------------------------------------- */
+
+/* Score and value of member. *value is NULL when the member has no value.
+ * KV_NOTFOUND for an absent key, KV_NO_SET_KEY for an absent member. */
+int32_t kv_zscore(kv_client *client, const char *key, size_t key_len, const char *member,
+                  size_t member_len, double *score, char **value, size_t *value_len);
+
+/* 0-based rank of member, from the lowest score (from the highest with
+ * ZSET_REVERSE). With ZSET_WITH_VALUES two more arguments follow: char **
+ * value and size_t *value_len. ZSET_WITH_LIMIT gives KV_INVALID_PARAMETER
+ * and no optional argument is read. */
+int32_t kv_zrank(kv_client *client, const char *key, size_t key_len, const char *member,
+                 size_t member_len, uint32_t *rank, int32_t flags, ...);
+
+/* Number of members; 0 and KV_SUCCESS for an absent key. */
+int32_t kv_zcard(kv_client *client, const char *key, size_t key_len, uint32_t *count);
+
+/* Number of members with min <= score <= max; 0 for an absent key. */
+int32_t kv_zcount(kv_client *client, const char *key, size_t key_len, double min, double max,
+                  uint32_t *count);
+
+/* Range reads. A result is *count members in parallel arrays: (*members)[k]
+ * holds member k's bytes ((*members_len)[k] of them); with ZSET_WITH_SCORES
+ * (*scores)[k] is its score; with ZSET_WITH_VALUES (*values)[k] holds its
+ * value ((*values_len)[k] bytes) or is NULL when it has none. Every array
+ * and every item is a buffer of its own. An empty result leaves every array
+ * NULL. Members come in ascending score order, equal scores in byte order of
+ * the names; ZSET_REVERSE turns the whole order round.
+ *
+ * kv_zrange selects ranks start..stop (negative: from the end, -1 the
+ * last); it does not take ZSET_WITH_LIMIT. kv_zrangebyscore selects
+ * min <= score <= max, with ZSET_WITH_LIMIT skipping offset members of the
+ * selection and keeping count (count < 0: all the rest). KV_NOTFOUND for an
+ * absent key. */
+int32_t kv_zrange(kv_client *client, const char *key, size_t key_len, int32_t start,
+                  int32_t stop, void ***members, size_t *count, size_t **members_len,
+                  int32_t flags, ...);
+int32_t kv_zrangebyscore(kv_client *client, const char *key, size_t key_len, double min,
+                         double max, void ***members, size_t *count, size_t **members_len,
+                         int32_t flags, ...);
+
+/* As kv_zrange and kv_zrangebyscore, with suffix_len bytes of suffix
+ * appended to every member and to every value that is not NULL; the lengths
+ * count both parts. */
+int32_t kv_zrange_whole(kv_client *client, const char *key, size_t key_len, int32_t start,
+                        int32_t stop, void ***members, size_t *count, size_t **members_len,
+                        const char *suffix, size_t suffix_len, int32_t flags, ...);
+int32_t kv_zrangebyscore_whole(kv_client *client, const char *key, size_t key_len, double min,
+                               double max, void ***members, size_t *count,
+                               size_t **members_len, const char *suffix, size_t suffix_len,
+                               int32_t flags, ...);
+
+/* A NUL-terminated copy of len bytes at item, allocated through mm. NULL
+ * when mm is NULL, item is NULL with len > 0, or allocation fails. */
+char *voidtostring(const void *item, size_t len, kv_mm *mm);
+
+/* ---- Removals ---------------------------------------------------------- */
+
+/* Removes member. KV_NOTFOUND when it was not there (or the key is absent). */
+int32_t kv_zrem(kv_client *client, const char *key, size_t key_len, const char *member,
+                size_t member_len);
+
+/* Removes count members; *removed says how many were there. KV_NOTFOUND
+ * and 0 when none was. */
+int32_t kv_zmrem(kv_client *client, const char *key, size_t key_len, const char *const *members,
+                 uint32_t count, const size_t *members_len, uint32_t *removed);
+
+/* Removes the members with min <= score <= max; *removed counts them. An
+ * absent key gives KV_SUCCESS and 0. */
+int32_t kv_zremrangebyscore(kv_client *client, const char *key, size_t key_len, double min,
+                            double max, uint32_t *removed);
+
+/* Removes ranks start..stop, both included (negative: from the end). An
+ * empty range or an absent key gives KV_SUCCESS and 0. */
+int32_t kv_zremrangebyrank(kv_client *client, const char *key, size_t key_len, int32_t start,
+                           int32_t stop, uint32_t *removed);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KELVANE_H */
