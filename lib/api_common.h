@@ -1,0 +1,61 @@
+// api_common.h -- what every exported operation does at its edge: check its
+// arguments, keep exceptions from crossing into C, turn a time-to-live into
+// function arguments.
+#ifndef KELVANE_API_COMMON_H
+#define KELVANE_API_COMMON_H
+
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <new>
+
+#include "client.h"
+#include "command.h"
+#include "kelvane.h"
+#include "replies.h"
+
+namespace kelvane {
+
+// Runs the body of an exported function. Nothing may unwind through the C
+// interface: running out of memory becomes KV_NO_MEMORY, anything else a
+// server error.
+template <class Body>
+int32_t guarded(Body&& body) noexcept {
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        return KV_NO_MEMORY;
+    } catch (...) {
+        return KV_SERVER_ERROR;
+    }
+}
+
+// A byte string may be null only when it is empty.
+inline bool bytes_ok(const void* p, std::size_t len) { return p != nullptr || len == 0; }
+
+inline bool key_ok(const kv_client* client, const char* key, std::size_t key_len) {
+    return client != nullptr && bytes_ok(key, key_len);
+}
+
+// The store cannot order NaN.
+inline bool score_ok(double d) { return !std::isnan(d); }
+
+inline bool ttl_ok(int32_t ttl) { return ttl >= 0; }
+
+// The seconds and the commit marker, as the write functions take them.
+inline Command& add_ttl(Command& command, int32_t ttl) {
+    command.integer(ttl & ~KV_TTL_COMMIT_BIT);
+    return command.flag((ttl & KV_TTL_COMMIT_BIT) != 0);
+}
+
+// Runs a command and returns the status of the function's reply, or the
+// transport status.
+inline int32_t call_function(kv_client* client, Command& command, Reply& reply) {
+    int32_t status = client->run(command, reply);
+    if (status != KV_SUCCESS) return status;
+    return function_status(reply.get());
+}
+
+}  // namespace kelvane
+
+#endif  // KELVANE_API_COMMON_H

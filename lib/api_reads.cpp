@@ -1,0 +1,256 @@
+// api_reads.cpp -- the sorted-set reads: kv_zscore, kv_zrank, kv_zcard,
+// kv_zcount and the four range reads.
+//
+// The variadic reads decide on their flags before they read any optional
+// argument: a call with a combination they refuse passes none.
+#include <cstdarg>
+#include <string_view>
+
+#include "api_common.h"
+#include "replies.h"
+#include "server_keys.h"
+
+using kelvane::Command;
+using kelvane::guarded;
+using kelvane::Reply;
+
+namespace {
+
+constexpr int32_t kAllFlags = ZSET_WITH_SCORES | ZSET_WITH_VALUES | ZSET_WITH_LIMIT | ZSET_REVERSE;
+
+int32_t count_members(kv_client* client, const char* key, size_t key_len, const double* bounds,
+                      uint32_t* count) {
+    if (!kelvane::key_ok(client, key, key_len) || count == nullptr) return KV_INVALID_PARAMETER;
+    if (bounds && (!kelvane::score_ok(bounds[0]) || !kelvane::score_ok(bounds[1]))) {
+        return KV_INVALID_PARAMETER;
+    }
+    const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
+    Command command = kelvane::function_call("kv_zcount", keys);
+    if (bounds) command.score(bounds[0]).score(bounds[1]);
+    Reply reply;
+    int32_t status = kelvane::call_function(client, command, reply);
+    if (status != KV_SUCCESS) return status;
+    return kelvane::read_count(kelvane::field(reply.get(), 1), count) ? KV_SUCCESS
+                                                                      : KV_SERVER_ERROR;
+}
+
+// What selects a range: ranks, or inclusive score bounds with an optional
+// limit.
+struct Selection {
+    bool by_score;
+    int32_t start, stop;
+    double min, max;
+    bool limited;
+    int32_t offset, count;
+};
+
+// The common body of the four range reads, after the optional arguments
+// have been taken from the list.
+int32_t read_range(kv_client* client, const char* key, size_t key_len, const Selection& sel,
+                   int32_t flags, std::string_view suffix, const kelvane::RangeOut& out) {
+    if (!kelvane::key_ok(client, key, key_len)) return KV_INVALID_PARAMETER;
+    if (sel.by_score && (!kelvane::score_ok(sel.min) || !kelvane::score_ok(sel.max))) {
+        return KV_INVALID_PARAMETER;
+    }
+    if (sel.limited && sel.offset < 0) return KV_INVALID_PARAMETER;
+    const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
+    Command command = kelvane::function_call("kv_zrange", keys);
+    command.flag(sel.by_score);
+    if (sel.by_score) {
+        command.score(sel.min).score(sel.max);
+    } else {
+        command.integer(sel.start).integer(sel.stop);
+    }
+    command.flag((flags & ZSET_REVERSE) != 0)
+        .flag(out.scores != nullptr)
+        .flag(out.values != nullptr);
+    if (sel.limited) {
+        command.integer(sel.offset).integer(sel.count);
+    } else {
+        command.borrow("").borrow("");
+    }
+    Reply reply;
+    int32_t status = kelvane::call_function(client, command, reply);
+    if (status != KV_SUCCESS) return status;
+    return kelvane::hand_out_range(client->mm, reply.get(), suffix, out);
+}
+
+// Takes the optional arguments of a range read from args, clears every
+// out-parameter and reads the range.
+int32_t range_from_args(kv_client* client, const char* key, size_t key_len, Selection sel,
+                        void*** members, size_t* count, size_t** members_len,
+                        std::string_view suffix, bool suffix_ok, int32_t flags, va_list args) {
+    if (members != nullptr) *members = nullptr;
+    if (count != nullptr) *count = 0;
+    if (members_len != nullptr) *members_len = nullptr;
+    // A rank range takes no limit; unknown bits are refused before any
+    // optional argument is read.
+    if ((flags & ~kAllFlags) != 0 || (!sel.by_score && (flags & ZSET_WITH_LIMIT) != 0)) {
+        return KV_INVALID_PARAMETER;
+    }
+    kelvane::RangeOut out{members, count, members_len, nullptr, nullptr, nullptr};
+    sel.limited = (flags & ZSET_WITH_LIMIT) != 0;
+    if (sel.limited) {
+        sel.offset = va_arg(args, int32_t);
+        sel.count = va_arg(args, int32_t);
+    }
+    bool outs_ok = members != nullptr && count != nullptr && members_len != nullptr;
+    if (flags & ZSET_WITH_SCORES) {
+        out.scores = va_arg(args, double**);
+        outs_ok = outs_ok && out.scores != nullptr;
+        if (out.scores) *out.scores = nullptr;
+    }
+    if (flags & ZSET_WITH_VALUES) {
+        out.values = va_arg(args, void***);
+        out.values_len = va_arg(args, size_t**);
+        outs_ok = outs_ok && out.values != nullptr && out.values_len != nullptr;
+        if (out.values) *out.values = nullptr;
+        if (out.values_len) *out.values_len = nullptr;
+    }
+    if (!outs_ok || !suffix_ok) return KV_INVALID_PARAMETER;
+    if (!sel.limited) sel.count = -1;
+    return guarded([&] { return read_range(client, key, key_len, sel, flags, suffix, out); });
+}
+
+Selection by_rank(int32_t start, int32_t stop) {
+    return Selection{false, start, stop, 0, 0, false, 0, -1};
+}
+
+Selection by_score(double min, double max) {
+    return Selection{true, 0, 0, min, max, false, 0, -1};
+}
+
+}  // namespace
+
+extern "C" int32_t kv_zscore(kv_client* client, const char* key, size_t key_len,
+                             const char* member, size_t member_len, double* score, char** value,
+                             size_t* value_len) {
+    if (score != nullptr) *score = 0;
+    if (value != nullptr) *value = nullptr;
+    if (value_len != nullptr) *value_len = 0;
+    return guarded([&] {
+        if (!kelvane::key_ok(client, key, key_len) || !kelvane::bytes_ok(member, member_len) ||
+            score == nullptr || value == nullptr || value_len == nullptr) {
+            return KV_INVALID_PARAMETER;
+        }
+        const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
+        Command command = kelvane::function_call("kv_zscore", keys);
+        command.borrow(member, member_len);
+        Reply reply;
+        int32_t status = kelvane::call_function(client, command, reply);
+        if (status != KV_SUCCESS) return status;
+        double found = 0;
+        if (!kelvane::read_score(kelvane::field(reply.get(), 1), &found)) return KV_SERVER_ERROR;
+        status = kelvane::hand_out_value(client->mm, kelvane::field(reply.get(), 2), value,
+                                         value_len);
+        if (status == KV_SUCCESS) *score = found;
+        return status;
+    });
+}
+
+extern "C" int32_t kv_zrank(kv_client* client, const char* key, size_t key_len,
+                            const char* member, size_t member_len, uint32_t* rank,
+                            int32_t flags, ...) {
+    if (rank != nullptr) *rank = 0;
+    // Only ZSET_REVERSE and ZSET_WITH_VALUES mean something to a rank.
+    if ((flags & ~(ZSET_REVERSE | ZSET_WITH_VALUES)) != 0) return KV_INVALID_PARAMETER;
+    char** value = nullptr;
+    size_t* value_len = nullptr;
+    if (flags & ZSET_WITH_VALUES) {
+        va_list args;
+        va_start(args, flags);
+        value = va_arg(args, char**);
+        value_len = va_arg(args, size_t*);
+        va_end(args);
+        if (value != nullptr) *value = nullptr;
+        if (value_len != nullptr) *value_len = 0;
+        if (value == nullptr || value_len == nullptr) return KV_INVALID_PARAMETER;
+    }
+    return guarded([&] {
+        if (!kelvane::key_ok(client, key, key_len) || !kelvane::bytes_ok(member, member_len) ||
+            rank == nullptr) {
+            return KV_INVALID_PARAMETER;
+        }
+        const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
+        Command command = kelvane::function_call("kv_zrank", keys);
+        command.borrow(member, member_len)
+            .flag((flags & ZSET_REVERSE) != 0)
+            .flag(value != nullptr);
+        Reply reply;
+        int32_t status = kelvane::call_function(client, command, reply);
+        if (status != KV_SUCCESS) return status;
+        uint32_t found = 0;
+        if (!kelvane::read_count(kelvane::field(reply.get(), 1), &found)) return KV_SERVER_ERROR;
+        if (value != nullptr) {
+            status = kelvane::hand_out_value(client->mm, kelvane::field(reply.get(), 2), value,
+                                             value_len);
+            if (status != KV_SUCCESS) return status;
+        }
+        *rank = found;
+        return KV_SUCCESS;
+    });
+}
+
+extern "C" int32_t kv_zcard(kv_client* client, const char* key, size_t key_len, uint32_t* count) {
+    if (count != nullptr) *count = 0;
+    return guarded([&] { return count_members(client, key, key_len, nullptr, count); });
+}
+
+extern "C" int32_t kv_zcount(kv_client* client, const char* key, size_t key_len, double min,
+                             double max, uint32_t* count) {
+    if (count != nullptr) *count = 0;
+    const double bounds[2] = {min, max};
+    return guarded([&] { return count_members(client, key, key_len, bounds, count); });
+}
+
+extern "C" int32_t kv_zrange(kv_client* client, const char* key, size_t key_len, int32_t start,
+                             int32_t stop, void*** members, size_t* count, size_t** members_len,
+                             int32_t flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    int32_t status = range_from_args(client, key, key_len, by_rank(start, stop), members, count,
+                                     members_len, {}, true, flags, args);
+    va_end(args);
+    return status;
+}
+
+extern "C" int32_t kv_zrangebyscore(kv_client* client, const char* key, size_t key_len,
+                                    double min, double max, void*** members, size_t* count,
+                                    size_t** members_len, int32_t flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    int32_t status = range_from_args(client, key, key_len, by_score(min, max), members, count,
+                                     members_len, {}, true, flags, args);
+    va_end(args);
+    return status;
+}
+
+extern "C" int32_t kv_zrange_whole(kv_client* client, const char* key, size_t key_len,
+                                   int32_t start, int32_t stop, void*** members, size_t* count,
+                                   size_t** members_len, const char* suffix, size_t suffix_len,
+                                   int32_t flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    const bool suffix_ok = kelvane::bytes_ok(suffix, suffix_len);
+    int32_t status = range_from_args(
+        client, key, key_len, by_rank(start, stop), members, count, members_len,
+        suffix_ok ? std::string_view(suffix, suffix_len) : std::string_view(), suffix_ok, flags,
+        args);
+    va_end(args);
+    return status;
+}
+
+extern "C" int32_t kv_zrangebyscore_whole(kv_client* client, const char* key, size_t key_len,
+                                          double min, double max, void*** members, size_t* count,
+                                          size_t** members_len, const char* suffix,
+                                          size_t suffix_len, int32_t flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    const bool suffix_ok = kelvane::bytes_ok(suffix, suffix_len);
+    int32_t status = range_from_args(
+        client, key, key_len, by_score(min, max), members, count, members_len,
+        suffix_ok ? std::string_view(suffix, suffix_len) : std::string_view(), suffix_ok, flags,
+        args);
+    va_end(args);
+    return status;
+}

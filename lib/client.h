@@ -1,0 +1,43 @@
+// client.h -- the state behind a kv_client handle and the one path every
+// operation takes to the server.
+#ifndef KELVANE_CLIENT_H
+#define KELVANE_CLIENT_H
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "command.h"
+#include "connection.h"
+#include "kelvane.h"
+#include "server_keys.h"
+
+struct kv_client {
+    kv_mm* mm = nullptr;
+    kelvane::Timeouts timeouts{};
+    int connect_attempts = 1;
+    std::optional<kelvane::Endpoint> server;
+    kelvane::Connection connection;
+
+    // Runs one command on the registered server, connecting first when
+    // there is no live connection. KV_SUCCESS means a reply arrived (which
+    // may still be an error reply); any other status is a transport failure.
+    int32_t run(kelvane::Command& command, kelvane::Reply& reply);
+
+    // Connects now: what kv_server_add reports.
+    int32_t connect();
+};
+
+namespace kelvane {
+
+// The start of a call of one of the server's kelvane functions on key:
+// FCALL name 2 <main key> <values key>. keys must outlive the command.
+Command function_call(std::string_view name, const ServerKeys& keys);
+
+// The source of the server-side function library, loaded on every new
+// connection.
+extern const char* const kFunctionLibrary;
+
+}  // namespace kelvane
+
+#endif  // KELVANE_CLIENT_H

@@ -1,0 +1,439 @@
+#!lua name=kelvane
+--
+-- kelvane.lua -- the server side of every kelvane operation that reads and
+-- writes, or needs more than one command. Each function runs atomically in
+-- the server, so a call costs one round trip and concurrent clients never see
+-- half of an operation. docs/data-layout.md describes the keys.
+--
+-- Calling convention:
+--   KEYS[1]  the kelvane key's main key: a sorted set (or, for kv_sadd, a
+--            plain set) whose Redis type is the kelvane kind of the key;
+--   KEYS[2]  its values hash, member -> value, only for members that have one.
+-- Writes take the time-to-live as their first two arguments: the seconds and
+-- "1" when the caller committed them. Scores arrive and leave as text with 17
+-- significant digits; Lua's own number-to-text keeps only 14, so every score
+-- that leaves goes through score_text(). Replies are arrays whose first
+-- element is the status, numbered as in the client header.
+
+local SUCCESS = 0
+local WRONG_REPLY = 10
+local ALREADY_EXISTS = 12
+local NOTFOUND = 13
+local INVALID_PARAMETER = 15
+local NO_SET_KEY = 17
+
+-- Lua 5.1 unpack() is bounded by the C stack; commands built from long
+-- member lists are sent in slices of this many arguments.
+local SLICE = 512
+
+local function score_text(x)
+  return string.format('%.17g', x)
+end
+
+local function kind_of(key)
+  return redis.call('TYPE', key)['ok']
+end
+
+-- The values hash expires with the main key, to the millisecond, and goes
+-- when the main key has gone (a removal that emptied the set).
+local function sync_values(main, vals)
+  if redis.call('EXISTS', main) == 0 then
+    redis.call('DEL', vals)
+    return
+  end
+  if redis.call('EXISTS', vals) == 0 then
+    return
+  end
+  local at = redis.call('PEXPIRETIME', main)
+  if at > 0 then
+    redis.call('PEXPIREAT', vals, at)
+  else
+    redis.call('PERSIST', vals)
+  end
+end
+
+-- The time-to-live rule shared by every write: a write that created the key
+-- gives it the time-to-live; on a key that existed only a committed one
+-- replaces it, and a committed 0 removes it.
+local function apply_ttl(main, vals, existed, seconds, commit)
+  if redis.call('EXISTS', main) == 1 then
+    if not existed then
+      if seconds > 0 then
+        redis.call('EXPIRE', main, seconds)
+      end
+    elseif commit then
+      if seconds > 0 then
+        redis.call('EXPIRE', main, seconds)
+      else
+        redis.call('PERSIST', main)
+      end
+    end
+  end
+  sync_values(main, vals)
+end
+
+local function ttl_args(args)
+  return tonumber(args[1]), args[2] == '1'
+end
+
+-- Opens a sorted-set write: returns whether the key existed, or nil when it
+-- holds another kind. A key that did not exist cannot own a values hash;
+-- one left behind by outside hands is cleared so it cannot leak in.
+local function open_zset_write(main, vals)
+  local kind = kind_of(main)
+  if kind == 'zset' then
+    return true
+  elseif kind == 'none' then
+    redis.call('DEL', vals)
+    return false
+  end
+  return nil
+end
+
+local function values_of(vals, members)
+  local out = {}
+  if redis.call('EXISTS', vals) == 0 then
+    for i = 1, #members do
+      out[i] = false
+    end
+    return out
+  end
+  for first = 1, #members, SLICE do
+    local last = math.min(first + SLICE - 1, #members)
+    local got = redis.call('HMGET', vals, unpack(members, first, last))
+    for i = first, last do
+      out[i] = got[i - first + 1]
+    end
+  end
+  return out
+end
+
+local function remove_members(main, vals, members)
+  local removed = 0
+  for first = 1, #members, SLICE do
+    local last = math.min(first + SLICE - 1, #members)
+    removed = removed + redis.call('ZREM', main, unpack(members, first, last))
+    if redis.call('EXISTS', vals) == 1 then
+      redis.call('HDEL', vals, unpack(members, first, last))
+    end
+  end
+  return removed
+end
+
+-- The highest score and the member that holds it (of equal scores, the
+-- last in byte order), or nil for an empty set.
+local function top_of(main)
+  local top = redis.call('ZRANGE', main, -1, -1, 'WITHSCORES')
+  if #top == 0 then
+    return nil, nil
+  end
+  return tonumber(top[2]), top[1]
+end
+
+-- The decimal name of a score: whole numbers as integers, others in the
+-- shortest form that reads back as the same double.
+local function score_name(x)
+  if x == math.floor(x) and math.abs(x) < 2 ^ 53 then
+    return string.format('%d', x)
+  end
+  for digits = 1, 17 do
+    local text = string.format('%.' .. digits .. 'g', x)
+    if tonumber(text) == x then
+      return text
+    end
+  end
+  return score_text(x)
+end
+
+-- kv_sadd: ttl, commit, member
+local function sadd(keys, args)
+  local main, vals = keys[1], keys[2]
+  local seconds, commit = ttl_args(args)
+  local kind = kind_of(main)
+  if kind ~= 'none' and kind ~= 'set' then
+    return { WRONG_REPLY }
+  end
+  local added = redis.call('SADD', main, args[3])
+  apply_ttl(main, vals, kind == 'set', seconds, commit)
+  return { added == 1 and SUCCESS or ALREADY_EXISTS }
+end
+
+-- kv_zadd, kv_zaddval, kv_zmadd, kv_zmaddval:
+-- ttl, commit, with_values ("1"/"0"), then per member: score, member[, value].
+-- A member that existed before the call makes the status ALREADY_EXISTS; it
+-- keeps its value unless the call gives one. A member is in the values hash
+-- only while it is in the set (every removal path clears its value), so a
+-- new member never inherits one.
+local function zadd(keys, args)
+  local main, vals = keys[1], keys[2]
+  local seconds, commit = ttl_args(args)
+  local with_values = args[3] == '1'
+  local existed = open_zset_write(main, vals)
+  if existed == nil then
+    return { WRONG_REPLY }
+  end
+  local step = with_values and 3 or 2
+  local status = SUCCESS
+  if existed then
+    for i = 4, #args, step do
+      if redis.call('ZSCORE', main, args[i + 1]) then
+        status = ALREADY_EXISTS
+        break
+      end
+    end
+  end
+  for i = 4, #args, step do
+    local member = args[i + 1]
+    redis.call('ZADD', main, args[i], member)
+    if with_values then
+      redis.call('HSET', vals, member, args[i + 2])
+    end
+  end
+  apply_ttl(main, vals, existed, seconds, commit)
+  return { status }
+end
+
+-- kv_zaddvalmax: ttl, commit, member, value, increment
+local function zaddvalmax(keys, args)
+  local main, vals = keys[1], keys[2]
+  local seconds, commit = ttl_args(args)
+  local existed = open_zset_write(main, vals)
+  if existed == nil then
+    return { WRONG_REPLY }
+  end
+  local member = args[3]
+  local max = top_of(main)
+  local score = (max or 0) + tonumber(args[5])
+  if score ~= score then
+    return { INVALID_PARAMETER }
+  end
+  local added = redis.call('ZADD', main, score_text(score), member)
+  redis.call('HSET', vals, member, args[4])
+  apply_ttl(main, vals, existed, seconds, commit)
+  return { added == 1 and SUCCESS or ALREADY_EXISTS }
+end
+
+-- kv_zaddmaxinc: ttl, commit, increment
+local function zaddmaxinc(keys, args)
+  local main, vals = keys[1], keys[2]
+  local seconds, commit = ttl_args(args)
+  local existed = open_zset_write(main, vals)
+  if existed == nil then
+    return { WRONG_REPLY }
+  end
+  local max = top_of(main)
+  local score = (max or 0) + tonumber(args[3])
+  if score ~= score then
+    return { INVALID_PARAMETER }
+  end
+  local member = score_name(score)
+  local added = redis.call('ZADD', main, score_text(score), member)
+  if added == 0 then
+    redis.call('HDEL', vals, member)
+  end
+  apply_ttl(main, vals, existed, seconds, commit)
+  return { added == 1 and SUCCESS or ALREADY_EXISTS, member }
+end
+
+-- kv_zadddis: ttl, commit, score, member, drift
+-- Beyond the drift the set starts again from the new member alone; within
+-- it (the boundary included) the member holding the highest score moves to
+-- the new score and its name goes back to the caller.
+local function zadddis(keys, args)
+  local main, vals = keys[1], keys[2]
+  local seconds, commit = ttl_args(args)
+  local existed = open_zset_write(main, vals)
+  if existed == nil then
+    return { WRONG_REPLY }
+  end
+  local score, member, drift = tonumber(args[3]), args[4], tonumber(args[5])
+  local max, holder = top_of(main)
+  if max ~= nil and not (score - max > drift) then
+    redis.call('ZADD', main, args[3], holder)
+    redis.call('HDEL', vals, holder)
+    apply_ttl(main, vals, existed, seconds, commit)
+    return { SUCCESS, holder }
+  end
+  local was_member = existed and redis.call('ZSCORE', main, member) ~= false
+  -- Starting again must not reset the key's expiry: only the rule decides.
+  local expires_at = existed and redis.call('PEXPIRETIME', main) or -1
+  redis.call('DEL', main, vals)
+  redis.call('ZADD', main, args[3], member)
+  if expires_at > 0 then
+    redis.call('PEXPIREAT', main, expires_at)
+  end
+  apply_ttl(main, vals, existed, seconds, commit)
+  return { was_member and ALREADY_EXISTS or SUCCESS, false }
+end
+
+-- kv_zincrby: ttl, commit, member, increment
+local function zincrby(keys, args)
+  local main, vals = keys[1], keys[2]
+  local seconds, commit = ttl_args(args)
+  local existed = open_zset_write(main, vals)
+  if existed == nil then
+    return { WRONG_REPLY }
+  end
+  -- ZINCRBY refuses a sum that is not a number and leaves the set as it was.
+  local new = redis.pcall('ZINCRBY', main, args[4], args[3])
+  if type(new) == 'table' and new.err then
+    return { INVALID_PARAMETER }
+  end
+  apply_ttl(main, vals, existed, seconds, commit)
+  return { SUCCESS, new }
+end
+
+-- Opens a sorted-set read: returns a status to answer with at once, or nil
+-- when the key holds a sorted set.
+local function open_zset_read(main)
+  local kind = kind_of(main)
+  if kind == 'zset' then
+    return nil
+  elseif kind == 'none' then
+    return NOTFOUND
+  end
+  return WRONG_REPLY
+end
+
+-- kv_zscore: member
+local function zscore(keys, args)
+  local main, vals = keys[1], keys[2]
+  local early = open_zset_read(main)
+  if early then
+    return { early }
+  end
+  local score = redis.call('ZSCORE', main, args[1])
+  if not score then
+    return { NO_SET_KEY }
+  end
+  return { SUCCESS, score, redis.call('HGET', vals, args[1]) }
+end
+
+-- kv_zrank: member, reverse, with_values
+local function zrank(keys, args)
+  local main, vals = keys[1], keys[2]
+  local early = open_zset_read(main)
+  if early then
+    return { early }
+  end
+  local rank = redis.call(args[2] == '1' and 'ZREVRANK' or 'ZRANK', main, args[1])
+  if not rank then
+    return { NO_SET_KEY }
+  end
+  local value = false
+  if args[3] == '1' then
+    value = redis.call('HGET', vals, args[1])
+  end
+  return { SUCCESS, rank, value }
+end
+
+-- kv_zcard and kv_zcount: [min, max]. An absent key counts as empty.
+local function zcount(keys, args)
+  local main = keys[1]
+  local early = open_zset_read(main)
+  if early == NOTFOUND then
+    return { SUCCESS, 0 }
+  elseif early then
+    return { early, 0 }
+  end
+  if #args == 0 then
+    return { SUCCESS, redis.call('ZCARD', main) }
+  end
+  return { SUCCESS, redis.call('ZCOUNT', main, args[1], args[2]) }
+end
+
+-- kv_zrange and kv_zrangebyscore:
+-- by_score, low, high, reverse, with_scores, with_values, offset, count.
+-- By rank, low and high are the start and stop ranks; by score they are the
+-- inclusive bounds and offset/count slice the selection (offset "" for no
+-- limit). The reply is status, members, scores (empty unless asked for) and
+-- values (false for a member without one; empty unless asked for).
+local function zrange(keys, args)
+  local main, vals = keys[1], keys[2]
+  local early = open_zset_read(main)
+  if early then
+    return { early }
+  end
+  local by_score, reverse = args[1] == '1', args[4] == '1'
+  local with_scores, with_values = args[5] == '1', args[6] == '1'
+  local command = { 'ZRANGE', main }
+  if by_score and reverse then
+    -- ZRANGE ... BYSCORE REV takes the bounds high first.
+    table.insert(command, args[3])
+    table.insert(command, args[2])
+  else
+    table.insert(command, args[2])
+    table.insert(command, args[3])
+  end
+  if by_score then
+    table.insert(command, 'BYSCORE')
+  end
+  if reverse then
+    table.insert(command, 'REV')
+  end
+  if by_score and args[7] ~= '' then
+    table.insert(command, 'LIMIT')
+    table.insert(command, args[7])
+    table.insert(command, args[8])
+  end
+  table.insert(command, 'WITHSCORES')
+  local flat = redis.call(unpack(command))
+  local members, scores = {}, {}
+  for i = 1, #flat, 2 do
+    members[#members + 1] = flat[i]
+    if with_scores then
+      scores[#scores + 1] = flat[i + 1]
+    end
+  end
+  local values = {}
+  if with_values then
+    values = values_of(vals, members)
+  end
+  return { SUCCESS, members, scores, values }
+end
+
+-- kv_zrem and kv_zmrem: members...
+local function zrem(keys, args)
+  local main, vals = keys[1], keys[2]
+  local early = open_zset_read(main)
+  if early then
+    return { early, 0 }
+  end
+  local removed = remove_members(main, vals, args)
+  sync_values(main, vals)
+  return { removed > 0 and SUCCESS or NOTFOUND, removed }
+end
+
+-- kv_zremrangebyscore and kv_zremrangebyrank: by_score, low, high.
+-- An absent key is an empty set: nothing to remove.
+local function zremrange(keys, args)
+  local main, vals = keys[1], keys[2]
+  local early = open_zset_read(main)
+  if early == NOTFOUND then
+    return { SUCCESS, 0 }
+  elseif early then
+    return { early, 0 }
+  end
+  local members
+  if args[1] == '1' then
+    members = redis.call('ZRANGE', main, args[2], args[3], 'BYSCORE')
+  else
+    members = redis.call('ZRANGE', main, args[2], args[3])
+  end
+  local removed = remove_members(main, vals, members)
+  sync_values(main, vals)
+  return { SUCCESS, removed }
+end
+
+redis.register_function('kv_sadd', sadd)
+redis.register_function('kv_zadd', zadd)
+redis.register_function('kv_zaddvalmax', zaddvalmax)
+redis.register_function('kv_zaddmaxinc', zaddmaxinc)
+redis.register_function('kv_zadddis', zadddis)
+redis.register_function('kv_zincrby', zincrby)
+redis.register_function{ function_name = 'kv_zscore', callback = zscore, flags = { 'no-writes' } }
+redis.register_function{ function_name = 'kv_zrank', callback = zrank, flags = { 'no-writes' } }
+redis.register_function{ function_name = 'kv_zcount', callback = zcount, flags = { 'no-writes' } }
+redis.register_function{ function_name = 'kv_zrange', callback = zrange, flags = { 'no-writes' } }
+redis.register_function('kv_zrem', zrem)
+redis.register_function('kv_zremrange', zremrange)
