@@ -72,10 +72,6 @@ local function apply_ttl(main, vals, existed, seconds, commit)
   sync_values(main, vals)
 end
 
-local function ttl_args(args)
-  return tonumber(args[1]), args[2] == '1'
-end
-
 -- Opens a sorted-set write: returns whether the key existed, or nil when it
 -- holds another kind. A key that did not exist cannot own a values hash;
 -- one left behind by outside hands is cleared so it cannot leak in.
@@ -88,6 +84,24 @@ local function open_zset_write(main, vals)
     return false
   end
   return nil
+end
+
+-- Makes a sorted-set write out of its core: checks the key's kind, runs
+-- body(main, vals, existed, args) and, when the write landed, applies the
+-- time-to-live rule with args[1] and args[2]. body returns the reply.
+local function zset_write(body)
+  return function(keys, args)
+    local main, vals = keys[1], keys[2]
+    local existed = open_zset_write(main, vals)
+    if existed == nil then
+      return { WRONG_REPLY }
+    end
+    local reply = body(main, vals, existed, args)
+    if reply[1] == SUCCESS or reply[1] == ALREADY_EXISTS then
+      apply_ttl(main, vals, existed, tonumber(args[1]), args[2] == '1')
+    end
+    return reply
+  end
 end
 
 local function values_of(vals, members)
@@ -148,13 +162,12 @@ end
 -- kv_sadd: ttl, commit, member
 local function sadd(keys, args)
   local main, vals = keys[1], keys[2]
-  local seconds, commit = ttl_args(args)
   local kind = kind_of(main)
   if kind ~= 'none' and kind ~= 'set' then
     return { WRONG_REPLY }
   end
   local added = redis.call('SADD', main, args[3])
-  apply_ttl(main, vals, kind == 'set', seconds, commit)
+  apply_ttl(main, vals, kind == 'set', tonumber(args[1]), args[2] == '1')
   return { added == 1 and SUCCESS or ALREADY_EXISTS }
 end
 
@@ -164,14 +177,8 @@ end
 -- keeps its value unless the call gives one. A member is in the values hash
 -- only while it is in the set (every removal path clears its value), so a
 -- new member never inherits one.
-local function zadd(keys, args)
-  local main, vals = keys[1], keys[2]
-  local seconds, commit = ttl_args(args)
+local function zadd(main, vals, existed, args)
   local with_values = args[3] == '1'
-  local existed = open_zset_write(main, vals)
-  if existed == nil then
-    return { WRONG_REPLY }
-  end
   local step = with_values and 3 or 2
   local status = SUCCESS
   if existed then
@@ -189,18 +196,11 @@ local function zadd(keys, args)
       redis.call('HSET', vals, member, args[i + 2])
     end
   end
-  apply_ttl(main, vals, existed, seconds, commit)
   return { status }
 end
 
 -- kv_zaddvalmax: ttl, commit, member, value, increment
-local function zaddvalmax(keys, args)
-  local main, vals = keys[1], keys[2]
-  local seconds, commit = ttl_args(args)
-  local existed = open_zset_write(main, vals)
-  if existed == nil then
-    return { WRONG_REPLY }
-  end
+local function zaddvalmax(main, vals, existed, args)
   local member = args[3]
   local max = top_of(main)
   local score = (max or 0) + tonumber(args[5])
@@ -209,18 +209,11 @@ local function zaddvalmax(keys, args)
   end
   local added = redis.call('ZADD', main, score_text(score), member)
   redis.call('HSET', vals, member, args[4])
-  apply_ttl(main, vals, existed, seconds, commit)
   return { added == 1 and SUCCESS or ALREADY_EXISTS }
 end
 
 -- kv_zaddmaxinc: ttl, commit, increment
-local function zaddmaxinc(keys, args)
-  local main, vals = keys[1], keys[2]
-  local seconds, commit = ttl_args(args)
-  local existed = open_zset_write(main, vals)
-  if existed == nil then
-    return { WRONG_REPLY }
-  end
+local function zaddmaxinc(main, vals, existed, args)
   local max = top_of(main)
   local score = (max or 0) + tonumber(args[3])
   if score ~= score then
@@ -231,7 +224,6 @@ local function zaddmaxinc(keys, args)
   if added == 0 then
     redis.call('HDEL', vals, member)
   end
-  apply_ttl(main, vals, existed, seconds, commit)
   return { added == 1 and SUCCESS or ALREADY_EXISTS, member }
 end
 
@@ -239,19 +231,12 @@ end
 -- Beyond the drift the set starts again from the new member alone; within
 -- it (the boundary included) the member holding the highest score moves to
 -- the new score and its name goes back to the caller.
-local function zadddis(keys, args)
-  local main, vals = keys[1], keys[2]
-  local seconds, commit = ttl_args(args)
-  local existed = open_zset_write(main, vals)
-  if existed == nil then
-    return { WRONG_REPLY }
-  end
+local function zadddis(main, vals, existed, args)
   local score, member, drift = tonumber(args[3]), args[4], tonumber(args[5])
   local max, holder = top_of(main)
   if max ~= nil and not (score - max > drift) then
     redis.call('ZADD', main, args[3], holder)
     redis.call('HDEL', vals, holder)
-    apply_ttl(main, vals, existed, seconds, commit)
     return { SUCCESS, holder }
   end
   local was_member = existed and redis.call('ZSCORE', main, member) ~= false
@@ -262,24 +247,16 @@ local function zadddis(keys, args)
   if expires_at > 0 then
     redis.call('PEXPIREAT', main, expires_at)
   end
-  apply_ttl(main, vals, existed, seconds, commit)
   return { was_member and ALREADY_EXISTS or SUCCESS, false }
 end
 
 -- kv_zincrby: ttl, commit, member, increment
-local function zincrby(keys, args)
-  local main, vals = keys[1], keys[2]
-  local seconds, commit = ttl_args(args)
-  local existed = open_zset_write(main, vals)
-  if existed == nil then
-    return { WRONG_REPLY }
-  end
+local function zincrby(main, vals, existed, args)
   -- ZINCRBY refuses a sum that is not a number and leaves the set as it was.
   local new = redis.pcall('ZINCRBY', main, args[4], args[3])
   if type(new) == 'table' and new.err then
     return { INVALID_PARAMETER }
   end
-  apply_ttl(main, vals, existed, seconds, commit)
   return { SUCCESS, new }
 end
 
@@ -426,11 +403,11 @@ local function zremrange(keys, args)
 end
 
 redis.register_function('kv_sadd', sadd)
-redis.register_function('kv_zadd', zadd)
-redis.register_function('kv_zaddvalmax', zaddvalmax)
-redis.register_function('kv_zaddmaxinc', zaddmaxinc)
-redis.register_function('kv_zadddis', zadddis)
-redis.register_function('kv_zincrby', zincrby)
+redis.register_function('kv_zadd', zset_write(zadd))
+redis.register_function('kv_zaddvalmax', zset_write(zaddvalmax))
+redis.register_function('kv_zaddmaxinc', zset_write(zaddmaxinc))
+redis.register_function('kv_zadddis', zset_write(zadddis))
+redis.register_function('kv_zincrby', zset_write(zincrby))
 redis.register_function{ function_name = 'kv_zscore', callback = zscore, flags = { 'no-writes' } }
 redis.register_function{ function_name = 'kv_zrank', callback = zrank, flags = { 'no-writes' } }
 redis.register_function{ function_name = 'kv_zcount', callback = zcount, flags = { 'no-writes' } }
