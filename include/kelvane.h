@@ -19,7 +19,8 @@
  * - Every buffer handed back through an out-parameter is allocated through
  *   the client's memory manager and belongs to the caller, who frees it with
  *   that manager's release().
- * - Every call is synchronous and costs one round trip to the server.
+ * - Every call is synchronous and costs one round trip to the server. A
+ *   client is used by one thread at a time; memory managers may be shared.
  * - A key that holds a value of another kind (a plain set made with kv_sadd
  *   where a sorted set is expected, or the other way round) gives
  *   KV_WRONG_REPLY and changes nothing.
