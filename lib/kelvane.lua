@@ -144,11 +144,15 @@ local function top_of(main)
   return tonumber(top[2]), top[1]
 end
 
--- The decimal name of a score: whole numbers as integers, others in the
--- shortest form that reads back as the same double.
+-- The decimal name of a score: whole numbers as integers, in full however
+-- large ("100000000000000000", never "1e+17"; 0 for -0 too), others in the
+-- shortest form that reads back as the same double ("3.5").
 local function score_name(x)
-  if x == math.floor(x) and math.abs(x) < 2 ^ 53 then
-    return string.format('%d', x)
+  if x == 0 then
+    return '0'
+  end
+  if x == math.floor(x) then
+    return string.format('%.0f', x)
   end
   for digits = 1, 17 do
     local text = string.format('%.' .. digits .. 'g', x)
