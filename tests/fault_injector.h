@@ -1,0 +1,47 @@
+// fault_injector.h -- what the zset transcript tests share: the environment
+// that loads the fault injector into zset, and the guard for the fixed port
+// that zset always talks to.
+#ifndef KELVANE_TESTS_FAULT_INJECTOR_H
+#define KELVANE_TESTS_FAULT_INJECTOR_H
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "private_network.h"
+#include "redis_server.h"
+
+namespace kelvane_test {
+
+#ifndef KELVANE_FAULT_INJECTOR
+#error "the build must define KELVANE_FAULT_INJECTOR"
+#endif
+// In a sanitizer build the sanitizer runtime must come first in the preload
+// list; the build passes its path (empty otherwise).
+#ifndef KELVANE_PRELOAD_FIRST
+#define KELVANE_PRELOAD_FIRST ""
+#endif
+
+constexpr int kZsetPort = 12345;
+
+// The environment entries that run zset over the fault injector with the
+// given fault ("" for none: only the check that every buffer was released).
+inline std::vector<std::string> injector_env(const std::string& fault) {
+    std::string preload = KELVANE_PRELOAD_FIRST;
+    if (!preload.empty()) preload += ":";
+    return {"LD_PRELOAD=" + preload + KELVANE_FAULT_INJECTOR, "KELVANE_FAULT=" + fault};
+}
+
+}  // namespace kelvane_test
+
+// Outside a private network (no privilege to make one) the zset tests share
+// the machine's port 12345 and run one at a time (ctest RESOURCE_LOCK); one
+// that finds the port taken by someone else skips.
+#define SKIP_UNLESS_ZSET_PORT_FREE()                                                     \
+    if (!kelvane_test::in_private_network() &&                                           \
+        kelvane_test::RedisServer::listening(kelvane_test::kZsetPort))                   \
+    GTEST_SKIP() << "port 12345 is taken and this process has no private network: "      \
+                    "zset cannot get a server of its own"
+
+#endif  // KELVANE_TESTS_FAULT_INJECTOR_H
