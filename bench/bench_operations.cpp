@@ -99,7 +99,8 @@ void BM_zincrby(benchmark::State& state) {
 BENCHMARK(BM_zincrby);
 
 // Range reads of n members with scores and values: the cost grows with the
-// result, one round trip whatever its size; 3n + 5 buffers change hands.
+// result, one round trip whatever its size; with a value on every member
+// 2n + 5 buffers change hands (the "buffers" counter).
 void BM_zrange_with_scores_and_values(benchmark::State& state) {
     Bench& b = bench();
     const int n = static_cast<int>(state.range(0));
