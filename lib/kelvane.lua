@@ -264,25 +264,23 @@ local function zincrby(main, vals, existed, args)
   return { SUCCESS, new }
 end
 
--- Opens a sorted-set read: returns a status to answer with at once, or nil
--- when the key holds a sorted set.
-local function open_zset_read(main)
-  local kind = kind_of(main)
-  if kind == 'zset' then
-    return nil
-  elseif kind == 'none' then
-    return NOTFOUND
+-- Makes a sorted-set read or removal out of its core: a key of another kind
+-- answers WRONG_REPLY, an absent key answers `absent`, and a sorted set goes
+-- to body(main, vals, args).
+local function on_zset(absent, body)
+  return function(keys, args)
+    local kind = kind_of(keys[1])
+    if kind == 'none' then
+      return absent
+    elseif kind ~= 'zset' then
+      return { WRONG_REPLY }
+    end
+    return body(keys[1], keys[2], args)
   end
-  return WRONG_REPLY
 end
 
 -- kv_zscore: member
-local function zscore(keys, args)
-  local main, vals = keys[1], keys[2]
-  local early = open_zset_read(main)
-  if early then
-    return { early }
-  end
+local function zscore(main, vals, args)
   local score = redis.call('ZSCORE', main, args[1])
   if not score then
     return { NO_SET_KEY }
@@ -291,12 +289,7 @@ local function zscore(keys, args)
 end
 
 -- kv_zrank: member, reverse, with_values
-local function zrank(keys, args)
-  local main, vals = keys[1], keys[2]
-  local early = open_zset_read(main)
-  if early then
-    return { early }
-  end
+local function zrank(main, vals, args)
   local rank = redis.call(args[2] == '1' and 'ZREVRANK' or 'ZRANK', main, args[1])
   if not rank then
     return { NO_SET_KEY }
@@ -308,15 +301,8 @@ local function zrank(keys, args)
   return { SUCCESS, rank, value }
 end
 
--- kv_zcard and kv_zcount: [min, max]. An absent key counts as empty.
-local function zcount(keys, args)
-  local main = keys[1]
-  local early = open_zset_read(main)
-  if early == NOTFOUND then
-    return { SUCCESS, 0 }
-  elseif early then
-    return { early, 0 }
-  end
+-- kv_zcard and kv_zcount: [min, max].
+local function zcount(main, vals, args)
   if #args == 0 then
     return { SUCCESS, redis.call('ZCARD', main) }
   end
@@ -329,12 +315,7 @@ end
 -- inclusive bounds and offset/count slice the selection (offset "" for no
 -- limit). The reply is status, members, scores (empty unless asked for) and
 -- values (false for a member without one; empty unless asked for).
-local function zrange(keys, args)
-  local main, vals = keys[1], keys[2]
-  local early = open_zset_read(main)
-  if early then
-    return { early }
-  end
+local function zrange(main, vals, args)
   local by_score, reverse = args[1] == '1', args[4] == '1'
   local with_scores, with_values = args[5] == '1', args[6] == '1'
   local command = { 'ZRANGE', main }
@@ -374,27 +355,14 @@ local function zrange(keys, args)
 end
 
 -- kv_zrem and kv_zmrem: members...
-local function zrem(keys, args)
-  local main, vals = keys[1], keys[2]
-  local early = open_zset_read(main)
-  if early then
-    return { early, 0 }
-  end
+local function zrem(main, vals, args)
   local removed = remove_members(main, vals, args)
   sync_values(main, vals)
   return { removed > 0 and SUCCESS or NOTFOUND, removed }
 end
 
 -- kv_zremrangebyscore and kv_zremrangebyrank: by_score, low, high.
--- An absent key is an empty set: nothing to remove.
-local function zremrange(keys, args)
-  local main, vals = keys[1], keys[2]
-  local early = open_zset_read(main)
-  if early == NOTFOUND then
-    return { SUCCESS, 0 }
-  elseif early then
-    return { early, 0 }
-  end
+local function zremrange(main, vals, args)
   local members
   if args[1] == '1' then
     members = redis.call('ZRANGE', main, args[2], args[3], 'BYSCORE')
@@ -412,9 +380,13 @@ redis.register_function('kv_zaddvalmax', zset_write(zaddvalmax))
 redis.register_function('kv_zaddmaxinc', zset_write(zaddmaxinc))
 redis.register_function('kv_zadddis', zset_write(zadddis))
 redis.register_function('kv_zincrby', zset_write(zincrby))
-redis.register_function{ function_name = 'kv_zscore', callback = zscore, flags = { 'no-writes' } }
-redis.register_function{ function_name = 'kv_zrank', callback = zrank, flags = { 'no-writes' } }
-redis.register_function{ function_name = 'kv_zcount', callback = zcount, flags = { 'no-writes' } }
-redis.register_function{ function_name = 'kv_zrange', callback = zrange, flags = { 'no-writes' } }
-redis.register_function('kv_zrem', zrem)
-redis.register_function('kv_zremrange', zremrange)
+-- An absent key counts as an empty set for counting and range removals.
+local function read_only(name, callback)
+  redis.register_function{ function_name = name, callback = callback, flags = { 'no-writes' } }
+end
+read_only('kv_zscore', on_zset({ NOTFOUND }, zscore))
+read_only('kv_zrank', on_zset({ NOTFOUND }, zrank))
+read_only('kv_zcount', on_zset({ SUCCESS, 0 }, zcount))
+read_only('kv_zrange', on_zset({ NOTFOUND }, zrange))
+redis.register_function('kv_zrem', on_zset({ NOTFOUND, 0 }, zrem))
+redis.register_function('kv_zremrange', on_zset({ SUCCESS, 0 }, zremrange))
