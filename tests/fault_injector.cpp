@@ -1,18 +1,8 @@
-// fault_injector.cpp -- a test-only LD_PRELOAD module that sits between zset
-// and libkelvane.so.1. It forwards every call to the real library
-// (dlsym(RTLD_NEXT)) and, when KELVANE_FAULT names a fault, changes one
-// behaviour the way a real library bug would: a wrong status, a score one
-// unit off in its last place, a value one byte short, an out-parameter left
-// unwritten, a range result in the wrong order or of the wrong length, and
-// so on. The tests then check that zset reports exactly the checks that
-// such a library must fail (docs/faults.md lists them).
-//
-// Whatever the fault, kv_mm_destroy reports buffers that were handed out and
-// never released, so every run under the injector also proves that zset
-// released everything. Buffers made up here come from the client's memory
-// manager, so zset releases them like the library's own.
-//
-// Never installed and never linked into the product.
+// fault_injector.cpp -- a test-only LD_PRELOAD module between zset and libkelvane.so.1, never installed or
+// linked into the product. It forwards every call to the real library (dlsym(RTLD_NEXT)) and, when KELVANE_FAULT
+// names a fault, changes one behaviour the way a real library bug would (docs/faults.md lists them). Whatever the
+// fault, kv_mm_destroy reports buffers never released, so every run also proves that zset released everything;
+// buffers made up here come from the client's memory manager, so zset releases them like the library's own.
 #include <dlfcn.h>
 #include <unistd.h>
 
@@ -21,39 +11,30 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 #include <utility>
 
 #include "kelvane.h"
 
 namespace {
 
-const std::string& fault() {
-    static const std::string name = [] {
-        const char* f = std::getenv("KELVANE_FAULT");
-        return std::string(f ? f : "");
-    }();
-    return name;
+bool is(const char* name) {
+    static const char* const fault = std::getenv("KELVANE_FAULT");
+    return fault != nullptr && std::strcmp(fault, name) == 0;
 }
-bool is(const char* name) { return fault() == name; }
 
 void* next_symbol(const char* name) {
     void* p = dlsym(RTLD_NEXT, name);
-    if (p == nullptr) {
-        std::fprintf(stderr, "fault_injector: %s not found\n", name);
-        std::abort();
-    }
+    if (p == nullptr) std::fprintf(stderr, "fault_injector: %s not found\n", name), std::abort();
     return p;
 }
 // The library's own function of the same name.
 #define REAL(fn) (reinterpret_cast<decltype(&fn)>(next_symbol(#fn)))
-// Every wrapped call starts here: with KELVANE_FAULT=slow each call takes
-// 5 ms longer, so that tests can act on the server in the middle of a run.
-#define ENTER(fn)                                  \
-    static const auto real = REAL(fn);             \
+// Every wrapped call starts here; KELVANE_FAULT=slow adds 5 ms so that tests can act in the middle of a run.
+#define ENTER(fn)                      \
+    static const auto real = REAL(fn); \
     if (is("slow")) usleep(5000)
 
-kv_mm* g_mm = nullptr;  // the memory manager of the client zset created
+kv_mm* g_mm = nullptr;            // the memory manager of the client zset created
 void* volatile g_kept = nullptr;  // leak_one: a buffer held here, never released
 
 char* copy(const void* bytes, size_t n) {
@@ -68,8 +49,7 @@ int32_t turn(const char* name, int32_t status, int32_t from, int32_t to) {
     return is(name) && status == from ? to : status;
 }
 
-// The time-to-live the library gets: the commit marker dropped, or added to
-// a plain time-to-live so that it also applies to an existing key.
+// The time-to-live the library gets: the commit marker dropped, or added so that a plain one applies too.
 int32_t ttl_in(int32_t ttl) {
     if (is("commit_ttl_ignored")) return ttl & ~KV_TTL_COMMIT_BIT;
     if (is("plain_ttl_applied") && ttl > 0) return ttl | KV_TTL_COMMIT_BIT;
@@ -80,8 +60,7 @@ double one_ulp_up(double d) { return std::nextafter(d, INFINITY); }
 
 // ---- Range results --------------------------------------------------------
 
-// The result variables and optional arguments of one range call, as decoded
-// from its flags.
+// The result variables and optional arguments of one range call.
 struct Range {
     void*** members;
     size_t* count;
@@ -94,24 +73,21 @@ struct Range {
 
 Range decode(va_list ap, int32_t flags, void*** members, size_t* count, size_t** members_len) {
     Range r{members, count, members_len};
-    if (flags & ZSET_WITH_LIMIT) {
-        r.offset = va_arg(ap, int32_t);
-        r.limit = va_arg(ap, int32_t);
-    }
+    if (flags & ZSET_WITH_LIMIT) r.offset = va_arg(ap, int32_t), r.limit = va_arg(ap, int32_t);
     if (flags & ZSET_WITH_SCORES) r.scores = va_arg(ap, double**);
-    if (flags & ZSET_WITH_VALUES) {
-        r.values = va_arg(ap, void***);
-        r.values_len = va_arg(ap, size_t**);
-    }
+    if (flags & ZSET_WITH_VALUES) r.values = va_arg(ap, void***), r.values_len = va_arg(ap, size_t**);
     return r;
 }
+#define DECODE_RANGE(r)                                              \
+    va_list ap;                                                      \
+    va_start(ap, flags);                                             \
+    const Range r = decode(ap, flags, members, count, members_len); \
+    va_end(ap)
 
-// Calls f with the fixed arguments, the flags and exactly the optional
-// arguments the flags ask for.
+// Calls f with the fixed arguments, the flags and exactly the optional arguments the flags ask for.
 template <class F, class... Fixed>
 int32_t forward(F f, const Range& r, int32_t flags, Fixed... fixed) {
-    const bool l = flags & ZSET_WITH_LIMIT, s = flags & ZSET_WITH_SCORES,
-               v = flags & ZSET_WITH_VALUES;
+    const bool l = flags & ZSET_WITH_LIMIT, s = flags & ZSET_WITH_SCORES, v = flags & ZSET_WITH_VALUES;
     if (l && s && v) return f(fixed..., flags, r.offset, r.limit, r.scores, r.values, r.values_len);
     if (l && s) return f(fixed..., flags, r.offset, r.limit, r.scores);
     if (l && v) return f(fixed..., flags, r.offset, r.limit, r.values, r.values_len);
@@ -134,7 +110,7 @@ void grow(T** array, size_t n) {  // n entries become n + 1, the last repeated
 
 // The faults of a successful, non-empty range result.
 void alter(const Range& r, double* scores) {
-    size_t n = *r.count;
+    const size_t n = *r.count;
     void** mem = *r.members;
     size_t* mem_len = *r.members_len;
     void** val = r.values ? *r.values : nullptr;
@@ -144,16 +120,11 @@ void alter(const Range& r, double* scores) {
         if (is("range_tie_order") && k + 1 < n && scores[k] == scores[k + 1]) {
             std::swap(mem[k], mem[k + 1]);
             std::swap(mem_len[k], mem_len[k + 1]);
-            if (val) std::swap(val[k], val[k + 1]);
-            if (val) std::swap(val_len[k], val_len[k + 1]);
+            if (val) std::swap(val[k], val[k + 1]), std::swap(val_len[k], val_len[k + 1]);
             ++k;
         }
         if (is("range_score_ulp") && r.scores) scores[k] = one_ulp_up(scores[k]);
-        if (is("range_value_short") && val && val[k] && val_len[k] > 0) --val_len[k];
-        if (is("range_spurious_value") && val && val[k] == nullptr) {
-            val[k] = copy("x", 1);
-            val_len[k] = 1;
-        }
+        if (is("range_spurious_value") && val && val[k] == nullptr) val[k] = copy("x", 1), val_len[k] = 1;
     }
     if (is("range_missing_item")) {
         g_mm->release(mem[n - 1]);
@@ -183,11 +154,8 @@ int32_t range(Range r, int32_t flags, Call call) {
     // Reordering ties needs the scores even where the caller did not ask.
     double* own_scores = nullptr;
     const bool borrow = is("range_tie_order") && !(flags & ZSET_WITH_SCORES);
-    Range asked = r;
-    if (borrow) {
-        r.scores = &own_scores;
-        flags |= ZSET_WITH_SCORES;
-    }
+    const Range asked = r;
+    if (borrow) r.scores = &own_scores, flags |= ZSET_WITH_SCORES;
     int32_t status = call(flags, r);
     if (status == KV_SUCCESS) alter(asked, r.scores ? *r.scores : nullptr);
     if (borrow) g_mm->release(own_scores);
@@ -198,8 +166,8 @@ int32_t range(Range r, int32_t flags, Call call) {
 
 // ---- Set-up and keys ------------------------------------------------------
 
-extern "C" kv_client* kv_client_create(int32_t connect_timeout_s, int32_t command_timeout_s,
-                                       kv_mm* mm, int32_t connect_attempts) {
+extern "C" kv_client* kv_client_create(int32_t connect_timeout_s, int32_t command_timeout_s, kv_mm* mm,
+                                       int32_t connect_attempts) {
     ENTER(kv_client_create);
     g_mm = mm;
     if (is("leak_one")) g_kept = copy("kept", 4);  // proves the release check below
@@ -214,20 +182,15 @@ extern "C" void kv_mm_destroy(kv_mm* mm) {
     real(mm);
 }
 
-extern "C" int32_t kv_server_add(kv_client* client, const char* host, uint32_t port,
-                                 const kv_credentials* credentials) {
+extern "C" int32_t kv_server_add(kv_client* client, const char* host, uint32_t port, const kv_credentials* cred) {
     ENTER(kv_server_add);
-    return turn("server_add_status", real(client, host, port, credentials), KV_SUCCESS,
-                KV_CONNECT_FAILED);
+    return turn("server_add_status", real(client, host, port, cred), KV_SUCCESS, KV_CONNECT_FAILED);
 }
 
 extern "C" int32_t kv_del(kv_client* client, const char* key, size_t key_len) {
     ENTER(kv_del);
     uint32_t n;
-    if (is("del_keeps_plain_sets") &&
-        REAL(kv_zcard)(client, key, key_len, &n) == KV_WRONG_REPLY) {
-        return KV_SUCCESS;
-    }
+    if (is("del_keeps_plain_sets") && REAL(kv_zcard)(client, key, key_len, &n) == KV_WRONG_REPLY) return KV_SUCCESS;
     return real(client, key, key_len);
 }
 
@@ -241,155 +204,105 @@ extern "C" int32_t kv_get_ttl(kv_client* client, const char* key, size_t key_len
 extern "C" int32_t kv_sadd(kv_client* client, const char* key, size_t key_len, const char* member,
                            size_t member_len, int32_t ttl) {
     ENTER(kv_sadd);
-    return turn("sadd_status", real(client, key, key_len, member, member_len, ttl), KV_SUCCESS,
-                KV_ALREADY_EXISTS);
+    return turn("sadd_status", real(client, key, key_len, member, member_len, ttl), KV_SUCCESS, KV_ALREADY_EXISTS);
 }
 
 // ---- Writes ---------------------------------------------------------------
 
-extern "C" int32_t kv_zadd(kv_client* client, const char* key, size_t key_len, double score,
-                           const char* member, size_t member_len, int32_t ttl) {
+extern "C" int32_t kv_zadd(kv_client* client, const char* key, size_t key_len, double score, const char* member,
+                           size_t member_len, int32_t ttl) {
     ENTER(kv_zadd);
-    if (is("zadd_dup_keeps_score")) {
-        double s;
-        char* v = nullptr;
-        size_t vl;
-        if (REAL(kv_zscore)(client, key, key_len, member, member_len, &s, &v, &vl) == KV_SUCCESS) {
-            g_mm->release(v);
-            return KV_ALREADY_EXISTS;
-        }
-    }
-    return turn("zadd_dup_success",
-                real(client, key, key_len, score, member, member_len, ttl_in(ttl)),
+    return turn("zadd_dup_success", real(client, key, key_len, score, member, member_len, ttl_in(ttl)),
                 KV_ALREADY_EXISTS, KV_SUCCESS);
 }
 
-extern "C" int32_t kv_zaddval(kv_client* client, const char* key, size_t key_len, double score,
-                              const char* member, size_t member_len, const char* value,
-                              size_t value_len, int32_t ttl) {
+extern "C" int32_t kv_zaddval(kv_client* client, const char* key, size_t key_len, double score, const char* member,
+                              size_t member_len, const char* value, size_t value_len, int32_t ttl) {
     ENTER(kv_zaddval);
     if (is("zaddval_value_short") && value_len > 0) --value_len;
     return real(client, key, key_len, score, member, member_len, value, value_len, ttl_in(ttl));
 }
 
-extern "C" int32_t kv_zmadd(kv_client* client, const char* key, size_t key_len,
-                            const double* scores, const char* const* members, uint32_t count,
-                            const size_t* members_len, int32_t ttl) {
+extern "C" int32_t kv_zmadd(kv_client* client, const char* key, size_t key_len, const double* scores,
+                            const char* const* members, uint32_t count, const size_t* members_len, int32_t ttl) {
     ENTER(kv_zmadd);
     if (is("zmadd_drops_last") && count > 1) --count;
     return real(client, key, key_len, scores, members, count, members_len, ttl_in(ttl));
 }
 
-extern "C" int32_t kv_zmaddval(kv_client* client, const char* key, size_t key_len,
-                               const double* scores, const char* const* members, uint32_t count,
-                               const size_t* members_len, const char* const* values,
-                               const size_t* values_len, int32_t ttl) {
+extern "C" int32_t kv_zmaddval(kv_client* client, const char* key, size_t key_len, const double* scores,
+                               const char* const* members, uint32_t count, const size_t* members_len,
+                               const char* const* values, const size_t* values_len, int32_t ttl) {
     ENTER(kv_zmaddval);
     return turn("zmaddval_dup_success",
-                real(client, key, key_len, scores, members, count, members_len, values,
-                     values_len, ttl_in(ttl)),
+                real(client, key, key_len, scores, members, count, members_len, values, values_len, ttl_in(ttl)),
                 KV_ALREADY_EXISTS, KV_SUCCESS);
 }
 
-extern "C" int32_t kv_zaddvalmax(kv_client* client, const char* key, size_t key_len,
-                                 const char* member, size_t member_len, const char* value,
-                                 size_t value_len, double increment, int32_t ttl) {
+extern "C" int32_t kv_zaddvalmax(kv_client* client, const char* key, size_t key_len, const char* member,
+                                 size_t member_len, const char* value, size_t value_len, double increment,
+                                 int32_t ttl) {
     ENTER(kv_zaddvalmax);
     if (is("zaddvalmax_ignores_max")) {  // the increment alone becomes the score
-        return REAL(kv_zaddval)(client, key, key_len, increment, member, member_len, value,
-                                value_len, ttl_in(ttl));
+        return REAL(kv_zaddval)(client, key, key_len, increment, member, member_len, value, value_len, ttl_in(ttl));
     }
-    return turn("zaddvalmax_dup_success",
-                real(client, key, key_len, member, member_len, value, value_len, increment,
-                     ttl_in(ttl)),
-                KV_ALREADY_EXISTS, KV_SUCCESS);
+    return real(client, key, key_len, member, member_len, value, value_len, increment, ttl_in(ttl));
 }
 
-extern "C" int32_t kv_zaddmaxinc(kv_client* client, const char* key, size_t key_len,
-                                 int32_t increment, int32_t ttl) {
+extern "C" int32_t kv_zaddmaxinc(kv_client* client, const char* key, size_t key_len, int32_t increment,
+                                 int32_t ttl) {
     ENTER(kv_zaddmaxinc);
-    return turn("zaddmaxinc_dup_success", real(client, key, key_len, increment, ttl_in(ttl)),
-                KV_ALREADY_EXISTS, KV_SUCCESS);
+    return turn("zaddmaxinc_dup_success", real(client, key, key_len, increment, ttl_in(ttl)), KV_ALREADY_EXISTS,
+                KV_SUCCESS);
 }
 
-extern "C" int32_t kv_zadddis(kv_client* client, const char* key, size_t key_len, double score,
-                              const char* member, size_t member_len, double drift, char** kept,
-                              int32_t ttl) {
+extern "C" int32_t kv_zadddis(kv_client* client, const char* key, size_t key_len, double score, const char* member,
+                              size_t member_len, double drift, char** kept, int32_t ttl) {
     ENTER(kv_zadddis);
-    int32_t status =
-        real(client, key, key_len, score, member, member_len, drift, kept, ttl_in(ttl));
-    if (*kept != nullptr && (is("zadddis_no_name") || is("zadddis_wrong_name"))) {
-        g_mm->release(*kept);
-        *kept = is("zadddis_wrong_name") ? copy(member, member_len) : nullptr;
-    } else if (*kept == nullptr && is("zadddis_spurious_name")) {
-        *kept = copy(member, member_len);
-    }
-    return turn("zadddis_dup_success", status, KV_ALREADY_EXISTS, KV_SUCCESS);
+    int32_t status = real(client, key, key_len, score, member, member_len, drift, kept, ttl_in(ttl));
+    if (*kept != nullptr && is("zadddis_wrong_name")) g_mm->release(*kept), *kept = copy(member, member_len);
+    if (*kept == nullptr && is("zadddis_spurious_name")) *kept = copy(member, member_len);
+    return status;
 }
 
-extern "C" int32_t kv_zincrby(kv_client* client, const char* key, size_t key_len,
-                              const char* member, size_t member_len, double increment,
-                              double* new_score, int32_t ttl) {
+extern "C" int32_t kv_zincrby(kv_client* client, const char* key, size_t key_len, const char* member,
+                              size_t member_len, double increment, double* new_score, int32_t ttl) {
     ENTER(kv_zincrby);
-    const double before = *new_score;
-    int32_t status =
-        real(client, key, key_len, member, member_len, increment, new_score, ttl_in(ttl));
+    int32_t status = real(client, key, key_len, member, member_len, increment, new_score, ttl_in(ttl));
     if (is("zincrby_score_ulp") && status == KV_SUCCESS) *new_score = one_ulp_up(*new_score);
-    if (is("zincrby_score_unwritten") && status != KV_SUCCESS) *new_score = before;
     return turn("zincrby_wrong_kind_success", status, KV_WRONG_REPLY, KV_SUCCESS);
 }
 
 // ---- Reads ----------------------------------------------------------------
 
-extern "C" int32_t kv_zscore(kv_client* client, const char* key, size_t key_len,
-                             const char* member, size_t member_len, double* score, char** value,
-                             size_t* value_len) {
+extern "C" int32_t kv_zscore(kv_client* client, const char* key, size_t key_len, const char* member,
+                             size_t member_len, double* score, char** value, size_t* value_len) {
     ENTER(kv_zscore);
-    const double old_score = *score;
-    char* const old_value = *value;
-    const size_t old_len = *value_len;
+    const double before = *score;
     int32_t status = real(client, key, key_len, member, member_len, score, value, value_len);
-    if (status == KV_SUCCESS) {
-        if (is("zscore_score_ulp")) *score = one_ulp_up(*score);
-        if (is("zscore_value_short") && *value && *value_len > 0) --*value_len;
-        if (is("zscore_spurious_value") && *value == nullptr) {
-            *value = copy("x", 1);
-            *value_len = 1;
-        }
-    } else {
-        if (is("zscore_score_unwritten")) *score = old_score;
-        if (is("zscore_value_unwritten")) *value = old_value, *value_len = old_len;
-    }
+    if (status == KV_SUCCESS && is("zscore_score_ulp")) *score = one_ulp_up(*score);
+    if (status != KV_SUCCESS && is("zscore_score_unwritten")) *score = before;
     return turn("zscore_noset_as_notfound", status, KV_NO_SET_KEY, KV_NOTFOUND);
 }
 
-extern "C" int32_t kv_zrank(kv_client* client, const char* key, size_t key_len,
-                            const char* member, size_t member_len, uint32_t* rank, int32_t flags,
-                            ...) {
+extern "C" int32_t kv_zrank(kv_client* client, const char* key, size_t key_len, const char* member,
+                            size_t member_len, uint32_t* rank, int32_t flags, ...) {
     ENTER(kv_zrank);
     char** value = nullptr;
     size_t* value_len = nullptr;
     if (!(flags & ZSET_WITH_LIMIT) && (flags & ZSET_WITH_VALUES)) {  // as the library reads them
         va_list ap;
         va_start(ap, flags);
-        value = va_arg(ap, char**);
-        value_len = va_arg(ap, size_t*);
+        value = va_arg(ap, char**), value_len = va_arg(ap, size_t*);
         va_end(ap);
     }
     if (is("zrank_reverse_ignored")) flags &= ~ZSET_REVERSE;
     if (is("zrank_limit_accepted")) flags &= ~ZSET_WITH_LIMIT;
     if (value == nullptr) flags &= ~ZSET_WITH_VALUES;
-    const uint32_t old_rank = *rank;
-    char* const old_value = value ? *value : nullptr;
-    const size_t old_len = value ? *value_len : 0;
-    int32_t status = value ? real(client, key, key_len, member, member_len, rank, flags, value,
-                                  value_len)
+    const uint32_t before = *rank;
+    int32_t status = value ? real(client, key, key_len, member, member_len, rank, flags, value, value_len)
                            : real(client, key, key_len, member, member_len, rank, flags);
-    if (status != KV_SUCCESS && is("zrank_rank_unwritten")) *rank = old_rank;
-    if (status != KV_SUCCESS && is("zrank_value_unwritten") && value) {
-        *value = old_value;
-        *value_len = old_len;
-    }
+    if (status != KV_SUCCESS && is("zrank_rank_unwritten")) *rank = before;
     return turn("zrank_noset_as_notfound", status, KV_NO_SET_KEY, KV_NOTFOUND);
 }
 
@@ -401,79 +314,51 @@ extern "C" int32_t kv_zcard(kv_client* client, const char* key, size_t key_len, 
     return status;
 }
 
-extern "C" int32_t kv_zcount(kv_client* client, const char* key, size_t key_len, double min,
-                             double max, uint32_t* count) {
+extern "C" int32_t kv_zcount(kv_client* client, const char* key, size_t key_len, double min, double max,
+                             uint32_t* count) {
     ENTER(kv_zcount);
     if (is("zcount_max_exclusive")) max = std::nextafter(max, -INFINITY);
-    const uint32_t before = *count;
-    int32_t status = real(client, key, key_len, min, max, count);
-    if (is("zcount_count_unwritten") && status != KV_SUCCESS) *count = before;
-    return status;
+    return real(client, key, key_len, min, max, count);
 }
 
-extern "C" int32_t kv_zrange(kv_client* client, const char* key, size_t key_len, int32_t start,
-                             int32_t stop, void*** members, size_t* count, size_t** members_len,
-                             int32_t flags, ...) {
+extern "C" int32_t kv_zrange(kv_client* client, const char* key, size_t key_len, int32_t start, int32_t stop,
+                             void*** members, size_t* count, size_t** members_len, int32_t flags, ...) {
     ENTER(kv_zrange);
-    va_list ap;
-    va_start(ap, flags);
-    Range r = decode(ap, flags, members, count, members_len);
-    va_end(ap);
+    DECODE_RANGE(r);
     return range(r, flags, [&](int32_t f, const Range& x) {
         return forward(real, x, f, client, key, key_len, start, stop, members, count, members_len);
     });
 }
 
-extern "C" int32_t kv_zrangebyscore(kv_client* client, const char* key, size_t key_len,
-                                    double min, double max, void*** members, size_t* count,
-                                    size_t** members_len, int32_t flags, ...) {
+extern "C" int32_t kv_zrangebyscore(kv_client* client, const char* key, size_t key_len, double min, double max,
+                                    void*** members, size_t* count, size_t** members_len, int32_t flags, ...) {
     ENTER(kv_zrangebyscore);
-    va_list ap;
-    va_start(ap, flags);
-    Range r = decode(ap, flags, members, count, members_len);
-    va_end(ap);
+    DECODE_RANGE(r);
     return range(r, flags, [&](int32_t f, const Range& x) {
         return forward(real, x, f, client, key, key_len, min, max, members, count, members_len);
     });
 }
 
-extern "C" int32_t kv_zrange_whole(kv_client* client, const char* key, size_t key_len,
-                                   int32_t start, int32_t stop, void*** members, size_t* count,
-                                   size_t** members_len, const char* suffix, size_t suffix_len,
-                                   int32_t flags, ...) {
+// range_suffix_dropped: the _whole reads get an empty suffix.
+extern "C" int32_t kv_zrange_whole(kv_client* client, const char* key, size_t key_len, int32_t start, int32_t stop,
+                                   void*** members, size_t* count, size_t** members_len, const char* suffix,
+                                   size_t suffix_len, int32_t flags, ...) {
     ENTER(kv_zrange_whole);
-    static const auto plain = REAL(kv_zrange);
-    va_list ap;
-    va_start(ap, flags);
-    Range r = decode(ap, flags, members, count, members_len);
-    va_end(ap);
+    DECODE_RANGE(r);
+    if (is("range_suffix_dropped")) suffix_len = 0;
     return range(r, flags, [&](int32_t f, const Range& x) {
-        if (is("range_suffix_dropped")) {
-            return forward(plain, x, f, client, key, key_len, start, stop, members, count,
-                           members_len);
-        }
-        return forward(real, x, f, client, key, key_len, start, stop, members, count,
-                       members_len, suffix, suffix_len);
+        return forward(real, x, f, client, key, key_len, start, stop, members, count, members_len, suffix, suffix_len);
     });
 }
 
-extern "C" int32_t kv_zrangebyscore_whole(kv_client* client, const char* key, size_t key_len,
-                                          double min, double max, void*** members, size_t* count,
-                                          size_t** members_len, const char* suffix,
-                                          size_t suffix_len, int32_t flags, ...) {
+extern "C" int32_t kv_zrangebyscore_whole(kv_client* client, const char* key, size_t key_len, double min,
+                                          double max, void*** members, size_t* count, size_t** members_len,
+                                          const char* suffix, size_t suffix_len, int32_t flags, ...) {
     ENTER(kv_zrangebyscore_whole);
-    static const auto plain = REAL(kv_zrangebyscore);
-    va_list ap;
-    va_start(ap, flags);
-    Range r = decode(ap, flags, members, count, members_len);
-    va_end(ap);
+    DECODE_RANGE(r);
+    if (is("range_suffix_dropped")) suffix_len = 0;
     return range(r, flags, [&](int32_t f, const Range& x) {
-        if (is("range_suffix_dropped")) {
-            return forward(plain, x, f, client, key, key_len, min, max, members, count,
-                           members_len);
-        }
-        return forward(real, x, f, client, key, key_len, min, max, members, count, members_len,
-                       suffix, suffix_len);
+        return forward(real, x, f, client, key, key_len, min, max, members, count, members_len, suffix, suffix_len);
     });
 }
 
@@ -487,29 +372,25 @@ extern "C" char* voidtostring(const void* item, size_t len, kv_mm* mm) {
 extern "C" int32_t kv_zrem(kv_client* client, const char* key, size_t key_len, const char* member,
                            size_t member_len) {
     ENTER(kv_zrem);
-    return turn("zrem_notfound_success", real(client, key, key_len, member, member_len),
+    return turn("zrem_notfound_success", real(client, key, key_len, member, member_len), KV_NOTFOUND, KV_SUCCESS);
+}
+
+extern "C" int32_t kv_zmrem(kv_client* client, const char* key, size_t key_len, const char* const* members,
+                            uint32_t count, const size_t* members_len, uint32_t* removed) {
+    ENTER(kv_zmrem);
+    return turn("zmrem_notfound_success", real(client, key, key_len, members, count, members_len, removed),
                 KV_NOTFOUND, KV_SUCCESS);
 }
 
-extern "C" int32_t kv_zmrem(kv_client* client, const char* key, size_t key_len,
-                            const char* const* members, uint32_t count, const size_t* members_len,
-                            uint32_t* removed) {
-    ENTER(kv_zmrem);
-    const uint32_t before = *removed;
-    int32_t status = real(client, key, key_len, members, count, members_len, removed);
-    if (is("zmrem_removed_unwritten") && status != KV_SUCCESS) *removed = before;
-    return turn("zmrem_notfound_success", status, KV_NOTFOUND, KV_SUCCESS);
-}
-
-extern "C" int32_t kv_zremrangebyscore(kv_client* client, const char* key, size_t key_len,
-                                       double min, double max, uint32_t* removed) {
+extern "C" int32_t kv_zremrangebyscore(kv_client* client, const char* key, size_t key_len, double min, double max,
+                                       uint32_t* removed) {
     ENTER(kv_zremrangebyscore);
     if (is("zremrangebyscore_max_exclusive")) max = std::nextafter(max, -INFINITY);
     return real(client, key, key_len, min, max, removed);
 }
 
-extern "C" int32_t kv_zremrangebyrank(kv_client* client, const char* key, size_t key_len,
-                                      int32_t start, int32_t stop, uint32_t* removed) {
+extern "C" int32_t kv_zremrangebyrank(kv_client* client, const char* key, size_t key_len, int32_t start,
+                                      int32_t stop, uint32_t* removed) {
     ENTER(kv_zremrangebyrank);
     if (is("zremrangebyrank_stop_exclusive") && stop != 0) --stop;
     return real(client, key, key_len, start, stop, removed);

@@ -1,6 +1,5 @@
-// fault_injector.h -- what the zset transcript tests share: the environment
-// that loads the fault injector into zset, and the guard for the fixed port
-// that zset always talks to.
+// fault_injector.h -- what the zset transcript tests share: the environment that loads the fault injector into
+// zset, the summary line, and the guard for the fixed port that zset always talks to.
 #ifndef KELVANE_TESTS_FAULT_INJECTOR_H
 #define KELVANE_TESTS_FAULT_INJECTOR_H
 
@@ -17,16 +16,20 @@ namespace kelvane_test {
 #ifndef KELVANE_FAULT_INJECTOR
 #error "the build must define KELVANE_FAULT_INJECTOR"
 #endif
-// In a sanitizer build the sanitizer runtime must come first in the preload
-// list; the build passes its path (empty otherwise).
+// In a sanitizer build its runtime must come first in the preload list; the build passes its path (else empty).
 #ifndef KELVANE_PRELOAD_FIRST
 #define KELVANE_PRELOAD_FIRST ""
 #endif
 
 constexpr int kZsetPort = 12345;
+constexpr int kCases = 68;
 
-// The environment entries that run zset over the fault injector with the
-// given fault ("" for none: only the check that every buffer was released).
+inline std::string summary_line(int passed, int failed) {
+    return std::string(31, '=') + " ZSET: PASSED = " + std::to_string(passed) +
+           ", FAILED = " + std::to_string(failed) + " " + std::string(41, '=');
+}
+
+// The environment that runs zset over the injector with the given fault ("" for none: only the release check).
 inline std::vector<std::string> injector_env(const std::string& fault) {
     std::string preload = KELVANE_PRELOAD_FIRST;
     if (!preload.empty()) preload += ":";
@@ -35,9 +38,8 @@ inline std::vector<std::string> injector_env(const std::string& fault) {
 
 }  // namespace kelvane_test
 
-// Outside a private network (no privilege to make one) the zset tests share
-// the machine's port 12345 and run one at a time (ctest RESOURCE_LOCK); one
-// that finds the port taken by someone else skips.
+// Outside a private network (no privilege to make one) the zset tests share the machine's port 12345 and run one
+// at a time (ctest RESOURCE_LOCK); one that finds the port taken by someone else skips.
 #define SKIP_UNLESS_ZSET_PORT_FREE()                                                     \
     if (!kelvane_test::in_private_network() &&                                           \
         kelvane_test::RedisServer::listening(kelvane_test::kZsetPort))                   \

@@ -1,12 +1,12 @@
-// library_fixture.h -- what every library test shares: a private Redis
-// server, a client registered with it, and a memory manager that must have
-// every buffer back when the test ends.
+// library_fixture.h -- what every library test shares: a private Redis server, a client registered with it, a
+// memory manager that must have every buffer back when the test ends, and readers that take results apart.
 #ifndef KELVANE_TESTS_LIBRARY_FIXTURE_H
 #define KELVANE_TESTS_LIBRARY_FIXTURE_H
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,12 +17,28 @@
 
 namespace kelvane_test {
 
+using Strings = std::vector<std::string>;
+using Values = std::vector<std::optional<std::string>>;
+constexpr double kInf = std::numeric_limits<double>::infinity();
+constexpr int32_t kAll = ZSET_WITH_SCORES | ZSET_WITH_VALUES;
+
 // A range read taken apart into owned data; every buffer is released.
 struct Range {
     int32_t status = -1;
-    std::vector<std::string> members;
+    Strings members;
     std::vector<double> scores;
-    std::vector<std::optional<std::string>> values;
+    Values values;
+};
+
+// The out-parameters of a range read, starting as junk that the library must overwrite whatever the status.
+struct RangeOut {
+    static inline double junk[4];
+    void** m = reinterpret_cast<void**>(junk);
+    size_t n = 9;
+    size_t* ml = reinterpret_cast<size_t*>(junk);
+    double* s = junk;
+    void** v = m;
+    size_t* vl = ml;
 };
 
 class LibraryTest : public ::testing::Test {
@@ -45,93 +61,89 @@ protected:
 
     std::string redis(const std::vector<std::string>& argv) const { return server_->command(argv); }
 
-    int32_t zadd(const std::string& key, double score, const std::string& member,
-                 int32_t ttl = 0) {
+    int32_t zadd(const std::string& key, double score, const std::string& member, int32_t ttl = 0) {
         return kv_zadd(client_, key.data(), key.size(), score, member.data(), member.size(), ttl);
     }
-    int32_t zaddval(const std::string& key, double score, const std::string& member,
-                    const std::string& value, int32_t ttl = 0) {
-        return kv_zaddval(client_, key.data(), key.size(), score, member.data(), member.size(),
-                          value.data(), value.size(), ttl);
+    int32_t zaddval(const std::string& key, double score, const std::string& member, const std::string& value,
+                    int32_t ttl = 0) {
+        return kv_zaddval(client_, key.data(), key.size(), score, member.data(), member.size(), value.data(),
+                          value.size(), ttl);
     }
-    uint32_t card(const std::string& key) {
-        uint32_t n = 12345;
-        EXPECT_EQ(kv_zcard(client_, key.data(), key.size(), &n), KV_SUCCESS);
-        return n;
+    // The key's time-to-live, -1 when kv_get_ttl fails.
+    int32_t ttl(const std::string& key) {
+        int32_t t = -1;
+        EXPECT_EQ(kv_get_ttl(client_, key.data(), key.size(), &t), KV_SUCCESS) << key;
+        return t;
     }
-    int32_t ttl_of(const std::string& key, int32_t* ttl) {
-        return kv_get_ttl(client_, key.data(), key.size(), ttl);
+    // True when the key has t seconds left, the one that may have begun to run included.
+    bool ttl_is(const std::string& key, int32_t t) {
+        const int32_t got = ttl(key);
+        return got == t || got == t - 1;
     }
 
-    // Score and value of a member, with the status of the read.
-    struct Scored {
-        int32_t status;
-        double score;
-        std::optional<std::string> value;
-        bool found() const { return status == KV_SUCCESS; }
-    };
+    // Score and value of a member, with the status of the read, which clears every out-parameter on a failure.
+    struct Scored { int32_t status; double score; std::optional<std::string> value; };
     Scored score_of(const std::string& key, const std::string& member) {
-        double score = 0;
-        char* value = nullptr;
-        size_t len = 0;
-        Scored out{kv_zscore(client_, key.data(), key.size(), member.data(), member.size(),
-                             &score, &value, &len),
+        double score = 42;
+        char* value = reinterpret_cast<char*>(RangeOut::junk);
+        size_t len = 7;
+        Scored out{kv_zscore(client_, key.data(), key.size(), member.data(), member.size(), &score, &value, &len),
                    score, std::nullopt};
-        if (value != nullptr) {
+        if (out.status != KV_SUCCESS) {
+            EXPECT_TRUE(score == 0 && value == nullptr && len == 0) << "status " << out.status;
+        } else if (value != nullptr) {
             EXPECT_EQ(value[len], '\0') << "a value is handed out NUL-terminated";
             out.value = std::string(value, len);
+            mm_->release(value);
         }
-        mm_->release(value);
         return out;
     }
 
     // Takes a range result apart, checks its shape and releases every buffer.
-    Range take(int32_t status, void** members, size_t count, size_t* lens, double* scores,
-               void** values, size_t* values_len) {
+    Range take(int32_t status, const RangeOut& o) {
         Range r;
         r.status = status;
-        if (count == 0) {
-            EXPECT_TRUE(!members && !lens && !scores && !values && !values_len) << "arrays of nothing";
+        if (status != KV_SUCCESS || o.n == 0) {
+            EXPECT_TRUE(o.n == 0 && !o.m && !o.ml && !o.s && !o.v && !o.vl) << "status " << status;
             return r;
         }
-        for (size_t k = 0; k < count; ++k) {
-            r.members.emplace_back(static_cast<char*>(members[k]), lens[k]);
-            mm_->release(members[k]);
-            if (scores != nullptr) r.scores.push_back(scores[k]);
-            if (values == nullptr) continue;
-            if (values[k] == nullptr) {
-                EXPECT_EQ(values_len[k], 0u);
-                r.values.emplace_back(std::nullopt);
-            } else {
-                r.values.emplace_back(std::string(static_cast<char*>(values[k]), values_len[k]));
-            }
-            mm_->release(values[k]);
+        for (size_t k = 0; k < o.n; ++k) {
+            r.members.emplace_back(static_cast<char*>(o.m[k]), o.ml[k]);
+            mm_->release(o.m[k]);
+            if (o.s != nullptr) r.scores.push_back(o.s[k]);
+            if (o.v == nullptr) continue;
+            if (o.v[k] == nullptr) EXPECT_EQ(o.vl[k], 0u);
+            r.values.push_back(o.v[k] ? std::optional(std::string(static_cast<char*>(o.v[k]), o.vl[k]))
+                                      : std::nullopt);
+            mm_->release(o.v[k]);
         }
-        for (void* array : {static_cast<void*>(members), static_cast<void*>(lens), static_cast<void*>(scores),
-                            static_cast<void*>(values), static_cast<void*>(values_len)}) {
-            mm_->release(array);
-        }
+        for (void* array : std::initializer_list<void*>{o.m, o.ml, o.s, o.v, o.vl}) mm_->release(array);
         return r;
     }
-
-    // kv_zrange and kv_zrangebyscore (limited when count is given), with
-    // scores and values.
-    Range range(const std::string& key, int32_t start, int32_t stop, int32_t flags = 0) {
-        void** m = nullptr; size_t n = 0; size_t* ml = nullptr;
-        double* s = nullptr; void** v = nullptr; size_t* vl = nullptr;
-        const int32_t f = flags | ZSET_WITH_SCORES | ZSET_WITH_VALUES;
-        int32_t status = kv_zrange(client_, key.data(), key.size(), start, stop, &m, &n, &ml, f, &s, &v, &vl);
-        return take(status, m, n, ml, s, v, vl);
+    // A range read with every out-parameter: call(out) makes it and returns its status.
+    template <class Call>
+    Range read(Call call) {
+        RangeOut o;
+        const int32_t status = call(o);
+        return take(status, o);
     }
-    Range by_score(const std::string& key, double min, double max, int32_t flags = 0,
-                   int32_t offset = 0, int32_t count = -1) {
-        void** m = nullptr; size_t n = 0; size_t* ml = nullptr;
-        double* s = nullptr; void** v = nullptr; size_t* vl = nullptr;
-        const int32_t f = flags | ZSET_WITH_SCORES | ZSET_WITH_VALUES;
-        int32_t status = (flags & ZSET_WITH_LIMIT)
-            ? kv_zrangebyscore(client_, key.data(), key.size(), min, max, &m, &n, &ml, f, offset, count, &s, &v, &vl)
-            : kv_zrangebyscore(client_, key.data(), key.size(), min, max, &m, &n, &ml, f, &s, &v, &vl);
-        return take(status, m, n, ml, s, v, vl);
+    Range range(const std::string& key, int32_t start, int32_t stop, int32_t flags = 0) {
+        return read([&](RangeOut& o) {
+            return kv_zrange(client_, key.data(), key.size(), start, stop, &o.m, &o.n, &o.ml, flags | kAll, &o.s,
+                             &o.v, &o.vl);
+        });
+    }
+    // Offset and count are passed when flags has ZSET_WITH_LIMIT.
+    Range by_score(const std::string& key, double min, double max, int32_t flags = 0, int32_t offset = 0,
+                   int32_t count = -1) {
+        const char* k = key.data();
+        return read([&](RangeOut& o) {
+            return (flags & ZSET_WITH_LIMIT)
+                ? kv_zrangebyscore(client_, k, key.size(), min, max, &o.m, &o.n, &o.ml, flags | kAll, offset, count,
+                                   &o.s, &o.v, &o.vl)
+                : kv_zrangebyscore(client_, k, key.size(), min, max, &o.m, &o.n, &o.ml, flags | kAll, &o.s, &o.v,
+                                   &o.vl);
+        });
     }
 
     std::unique_ptr<RedisServer> server_;

@@ -1,7 +1,6 @@
-// Sorted-set reads: point reads, counts, range edges, binary data, and the
-// buffers every result is handed out in.
-#include <cstring>
-#include <limits>
+// Reads and removals: range edges, binary data, result buffers, values that go with their members, and where
+// keys live on the server.
+#include <functional>
 #include <tuple>
 
 #include "library_fixture.h"
@@ -10,67 +9,10 @@ namespace kelvane_test {
 namespace {
 
 using Reads = LibraryTest;
-using Strings = std::vector<std::string>;
-const double kInf = std::numeric_limits<double>::infinity();
+using Removals = LibraryTest;
+using KeyLayout = LibraryTest;
 
-TEST_F(Reads, PointReadsAndCounts) {
-    ASSERT_EQ(zadd("r", 1, "a"), KV_SUCCESS);
-    ASSERT_EQ(zaddval("r", 2, "b", "vb"), KV_SUCCESS);
-    ASSERT_EQ(zadd("r", 3, "c"), KV_SUCCESS);
-    EXPECT_EQ(score_of("r", "b").value, "vb");
-    EXPECT_EQ(score_of("r", "a").value, std::nullopt);
-
-    // Misses overwrite whatever the caller left in the out-parameters.
-    char junk = 0;
-    for (const auto& [key, member, expected] :
-         {std::tuple{"none", "a", KV_NOTFOUND}, std::tuple{"r", "z", KV_NO_SET_KEY}}) {
-        double score = 42;
-        char* value = &junk;
-        size_t len = 7;
-        uint32_t rank = 9;
-        EXPECT_EQ(kv_zscore(client_, key, std::strlen(key), member, 1, &score, &value, &len), expected);
-        EXPECT_TRUE(score == 0 && value == nullptr && len == 0);
-        value = &junk;
-        EXPECT_EQ(kv_zrank(client_, key, std::strlen(key), member, 1, &rank, ZSET_WITH_VALUES, &value, &len), expected);
-        EXPECT_TRUE(rank == 0 && value == nullptr);
-    }
-
-    // Ranks, from either end, with or without the value.
-    auto rank_of = [&](const char* member, int32_t flags) {
-        uint32_t rank = 99;
-        char* value = nullptr;
-        size_t len = 0;
-        int32_t status = (flags & ZSET_WITH_VALUES)
-            ? kv_zrank(client_, "r", 1, member, 1, &rank, flags, &value, &len)
-            : kv_zrank(client_, "r", 1, member, 1, &rank, flags);
-        EXPECT_EQ(status, KV_SUCCESS);
-        std::string text = value != nullptr ? std::string(value, len) : "(none)";
-        mm_->release(value);
-        return std::pair{rank, text};
-    };
-    EXPECT_EQ(rank_of("c", ZSET_DEFAULT).first, 2u);
-    EXPECT_EQ(rank_of("c", ZSET_REVERSE).first, 0u);
-    EXPECT_EQ(rank_of("b", ZSET_WITH_VALUES), std::pair(1u, std::string("vb")));
-    EXPECT_EQ(rank_of("a", ZSET_WITH_VALUES | ZSET_REVERSE), std::pair(2u, std::string("(none)")));
-    // A limit makes no sense for a rank: refused before any optional argument is read.
-    uint32_t rank = 9;
-    EXPECT_EQ(kv_zrank(client_, "r", 1, "a", 1, &rank, ZSET_WITH_LIMIT), KV_INVALID_PARAMETER);
-    EXPECT_EQ(kv_zrank(client_, "r", 1, "a", 1, &rank, ZSET_WITH_LIMIT | ZSET_WITH_VALUES), KV_INVALID_PARAMETER);
-    EXPECT_EQ(rank, 0u);
-
-    // Counts: inclusive bounds, 0 for an absent key.
-    for (const auto& [key, min, max, expected] :
-         {std::tuple{"r", 1.0, 2.0, 2u}, std::tuple{"r", 3.0, 3.0, 1u}, std::tuple{"r", -kInf, kInf, 3u},
-          std::tuple{"r", 3.0, 1.0, 0u}, std::tuple{"none", -kInf, kInf, 0u}}) {
-        uint32_t n = 99;
-        EXPECT_EQ(kv_zcount(client_, key, std::strlen(key), min, max, &n), KV_SUCCESS);
-        EXPECT_EQ(n, expected) << min << ".." << max;
-    }
-    EXPECT_EQ(card("none"), 0u);
-    EXPECT_EQ(card("r"), 3u);
-}
-
-TEST_F(Reads, RangeEdgesAndOrder) {
+TEST_F(Reads, RangeEdgesOrderAndEmptyResults) {
     // Ties are ordered by the bytes of the names, unsigned.
     for (const std::string& m : Strings{"b", "A", "\xff", std::string("a\0b", 3), "ab", "a"}) {
         ASSERT_EQ(zadd("t", 1, m), KV_SUCCESS);
@@ -83,36 +25,20 @@ TEST_F(Reads, RangeEdgesAndOrder) {
     EXPECT_EQ(range("t", -100, 100).members, order);
     EXPECT_EQ(by_score("t", -kInf, kInf).members, order);
     EXPECT_EQ(range("t", -2, -1).members, (Strings{"\xff", "last"}));
-    EXPECT_EQ(range("t", 6, 7).scores, (std::vector<double>{1, 2}));
-    EXPECT_EQ(range("t", 0, -1, ZSET_REVERSE).members, reversed);
     EXPECT_EQ(by_score("t", 1, 2, ZSET_REVERSE).members, Strings(reversed.begin(), reversed.end() - 1));
     EXPECT_EQ(by_score("t", 1, 1, ZSET_REVERSE | ZSET_WITH_LIMIT, 1, 2).members, (Strings{"b", "ab"}));
     EXPECT_EQ(by_score("t", 1, 2, ZSET_WITH_LIMIT, 4, -1).members, (Strings{"b", "\xff", "last"}));
     EXPECT_EQ(by_score("t", 1, 1, ZSET_WITH_LIMIT, 5, 100).members, Strings{"\xff"});
-
-    // Empty selections succeed with nothing allocated.
     for (const Range& empty : {range("t", 8, 20), range("t", 3, 2), range("t", -100, -50), by_score("t", 5, 9),
                                by_score("t", 2, 1), by_score("t", -kInf, kInf, ZSET_WITH_LIMIT, 8, 10)}) {
         EXPECT_EQ(empty.status, KV_SUCCESS);
         EXPECT_TRUE(empty.members.empty());
     }
-    void** m = nullptr; size_t n = 0; size_t* ml = nullptr;
-    EXPECT_EQ(kv_zrange(client_, "t", 1, 0, -1, &m, &n, &ml, ZSET_WITH_LIMIT, 0, 10), KV_INVALID_PARAMETER);
-
-    // An absent key: KV_NOTFOUND, every output cleared.
-    char junk = 0;
-    for (int variant = 0; variant < 4; ++variant) {
-        SCOPED_TRACE(variant);
-        m = reinterpret_cast<void**>(&junk), n = 9, ml = reinterpret_cast<size_t*>(&junk);
-        double* s = reinterpret_cast<double*>(&junk); void** v = m; size_t* vl = ml;
-        const int32_t f = ZSET_WITH_SCORES | ZSET_WITH_VALUES;
-        int32_t status =
-            variant == 0 ? kv_zrange(client_, "no", 2, 0, -1, &m, &n, &ml, f, &s, &v, &vl)
-            : variant == 1 ? kv_zrangebyscore(client_, "no", 2, -kInf, kInf, &m, &n, &ml, f, &s, &v, &vl)
-            : variant == 2 ? kv_zrange_whole(client_, "no", 2, 0, -1, &m, &n, &ml, "x", 1, f, &s, &v, &vl)
-                           : kv_zrangebyscore_whole(client_, "no", 2, 0, 1, &m, &n, &ml, "x", 1, f, &s, &v, &vl);
-        EXPECT_EQ(status, KV_NOTFOUND);
-        EXPECT_TRUE(!m && n == 0 && !ml && !s && !v && !vl);
+    for (const auto& [min, max, expected] : {std::tuple{-kInf, kInf, 8u}, std::tuple{1.0, 1.0, 6u},
+                                             std::tuple{3.0, 1.0, 0u}}) {
+        uint32_t n = 99;
+        EXPECT_EQ(kv_zcount(client_, "t", 1, min, max, &n), KV_SUCCESS);
+        EXPECT_EQ(n, expected) << min << ".." << max;
     }
 }
 
@@ -123,32 +49,23 @@ TEST_F(Reads, BinaryMembersValuesAndSuffixes) {
     EXPECT_EQ(score_of("bin", member).value, value);
     Range r = range("bin", 0, -1);
     EXPECT_EQ(r.members, (Strings{member, "plain"}));
-    EXPECT_EQ(r.values, (std::vector<std::optional<std::string>>{value, std::nullopt}));
-
-    // _whole appends the suffix to members and to the values that exist.
-    for (bool by_rank : {true, false}) {
-        SCOPED_TRACE(by_rank);
-        void** m = nullptr; size_t n = 0; size_t* ml = nullptr; double* s = nullptr; void** v = nullptr; size_t* vl = nullptr;
-        const int32_t f = ZSET_WITH_SCORES | ZSET_WITH_VALUES;
-        int32_t status = by_rank
-            ? kv_zrange_whole(client_, "bin", 3, 0, -1, &m, &n, &ml, suffix.data(), suffix.size(), f, &s, &v, &vl)
-            : kv_zrangebyscore_whole(client_, "bin", 3, -kInf, kInf, &m, &n, &ml, suffix.data(), suffix.size(), f,
-                                     &s, &v, &vl);
-        Range w = take(status, m, n, ml, s, v, vl);
-        ASSERT_EQ(w.status, KV_SUCCESS);
+    EXPECT_EQ(r.values, (Values{value, std::nullopt}));
+    const char* s = suffix.data();
+    for (const Range& w : {read([&](RangeOut& o) {
+                               return kv_zrange_whole(client_, "bin", 3, 0, -1, &o.m, &o.n, &o.ml, s, 3, kAll, &o.s,
+                                                      &o.v, &o.vl); }),
+                           read([&](RangeOut& o) {
+                               return kv_zrangebyscore_whole(client_, "bin", 3, -kInf, kInf, &o.m, &o.n, &o.ml, s, 3,
+                                                             kAll, &o.s, &o.v, &o.vl); })}) {
         EXPECT_EQ(w.members, (Strings{member + suffix, "plain" + suffix}));
-        EXPECT_EQ(w.scores, (std::vector<double>{1, 2}));
-        EXPECT_EQ(w.values, (std::vector<std::optional<std::string>>{value + suffix, std::nullopt}));
+        EXPECT_EQ(w.values, (Values{value + suffix, std::nullopt}));
     }
-
-    // voidtostring: a NUL-terminated copy; NULL when there is nothing to copy from.
     char* text = voidtostring(member.data(), member.size(), mm_);
     ASSERT_NE(text, nullptr);
     EXPECT_EQ(std::string(text, member.size() + 1), member + '\0');
     mm_->release(text);
     text = voidtostring(nullptr, 0, mm_);
-    ASSERT_NE(text, nullptr);
-    EXPECT_EQ(text[0], '\0');
+    EXPECT_STREQ(text, "");
     mm_->release(text);
     EXPECT_EQ(voidtostring(nullptr, 3, mm_), nullptr);
     EXPECT_EQ(voidtostring("abc", 3, nullptr), nullptr);
@@ -158,12 +75,10 @@ TEST_F(Reads, EveryResultBufferIsCountedAndTheByteLimitHolds) {
     ASSERT_EQ(zaddval("acc", 1, "a", "va"), KV_SUCCESS);
     ASSERT_EQ(zadd("acc", 2, "b"), KV_SUCCESS);
     ASSERT_EQ(zaddval("acc", 3, "c", "vc"), KV_SUCCESS);
-    void** m = nullptr; size_t n = 0; size_t* ml = nullptr; double* s = nullptr; void** v = nullptr; size_t* vl = nullptr;
-    const int32_t f = ZSET_WITH_SCORES | ZSET_WITH_VALUES;
-    ASSERT_EQ(kv_zrange(client_, "acc", 3, 0, -1, &m, &n, &ml, f, &s, &v, &vl), KV_SUCCESS);
+    RangeOut o;
+    ASSERT_EQ(kv_zrange(client_, "acc", 3, 0, -1, &o.m, &o.n, &o.ml, kAll, &o.s, &o.v, &o.vl), KV_SUCCESS);
     EXPECT_EQ(mm_->live_count(mm_), 10u);  // three members, two values, five arrays
-    take(KV_SUCCESS, m, n, ml, s, v, vl);
-    EXPECT_EQ(mm_->live_count(mm_), 0u);
+    take(KV_SUCCESS, o);
 
     // Under a byte limit a large read fails whole and leaves nothing behind.
     kv_mm* small = kv_mm_create(nullptr, nullptr, nullptr, 4096);
@@ -174,29 +89,83 @@ TEST_F(Reads, EveryResultBufferIsCountedAndTheByteLimitHolds) {
         ASSERT_EQ(zaddval("wide", i, "member-" + std::to_string(i) + std::string(30, '.'), "v"), KV_SUCCESS);
     }
     ASSERT_EQ(zaddval("wide", 1000, "huge", std::string(5000, 'h')), KV_SUCCESS);
-    char junk = 0;
-    m = v = reinterpret_cast<void**>(&junk), n = 9, ml = vl = reinterpret_cast<size_t*>(&junk);
-    EXPECT_EQ(kv_zrange(client, "wide", 4, 0, -1, &m, &n, &ml, ZSET_WITH_VALUES, &v, &vl), KV_NO_MEMORY);
-    EXPECT_TRUE(!m && n == 0 && !ml && !v && !vl);
-    EXPECT_EQ(kv_zrangebyscore_whole(client, "wide", 4, 0, 1000, &m, &n, &ml, "/", 1, ZSET_DEFAULT), KV_NO_MEMORY);
-    EXPECT_EQ(small->live_count(small), 0u);
+    RangeOut big;
+    EXPECT_EQ(kv_zrange(client, "wide", 4, 0, -1, &big.m, &big.n, &big.ml, ZSET_WITH_VALUES, &big.v, &big.vl),
+              KV_NO_MEMORY);
+    EXPECT_TRUE(!big.m && big.n == 0 && !big.ml && !big.v && !big.vl);
     double score = 5;
-    char* value = &junk;
+    char* value = nullptr;
     size_t len = 9;
     EXPECT_EQ(kv_zscore(client, "wide", 4, "huge", 4, &score, &value, &len), KV_NO_MEMORY);
     EXPECT_TRUE(score == 0 && value == nullptr && len == 0);
     EXPECT_EQ(small->live_count(small), 0u);
     // A read that fits still works, and the limit counts only what is out.
-    ASSERT_EQ(kv_zrange(client, "wide", 4, 0, 1, &m, &n, &ml, ZSET_DEFAULT), KV_SUCCESS);
-    EXPECT_EQ(n, 2u);
+    ASSERT_EQ(kv_zscore(client, "acc", 3, "a", 1, &score, &value, &len), KV_SUCCESS);
     EXPECT_EQ(small->allocate(small, 4096), nullptr);
-    for (void* p : {m[0], m[1], static_cast<void*>(m), static_cast<void*>(ml)}) small->release(p);
-    EXPECT_EQ(small->live_count(small), 0u);
+    small->release(value);
     void* whole = small->allocate(small, 4096);
     EXPECT_NE(whole, nullptr);
     small->release(whole);
     kv_client_destroy(client);
     kv_mm_destroy(small);
+}
+
+TEST_F(Removals, ValuesGoWithTheirMembersAndTheLastMemberTakesBothKeys) {
+    const char* const names[] = {"a", "b", "c"};
+    const size_t lens[] = {1, 1, 1};
+    // Each way removes "a" alone, or all the rest ("b" has a value, "c" none).
+    using Remove = std::function<int32_t(bool rest, uint32_t* removed)>;
+    const std::vector<std::pair<const char*, Remove>> ways = {
+        {"zrem", [&](bool rest, uint32_t* removed) {
+             *removed = 0;
+             for (int i = rest; i < (rest ? 3 : 1); ++i) *removed += kv_zrem(client_, "z", 1, names[i], 1) == KV_SUCCESS;
+             return KV_SUCCESS; }},
+        {"zmrem", [&](bool rest, uint32_t* removed) { return kv_zmrem(client_, "z", 1, names + rest, rest ? 2 : 1, lens, removed); }},
+        {"zremrangebyscore", [&](bool rest, uint32_t* removed) {
+             return kv_zremrangebyscore(client_, "z", 1, rest ? -kInf : 1, rest ? kInf : 1, removed); }},
+        {"zremrangebyrank", [&](bool rest, uint32_t* removed) { return kv_zremrangebyrank(client_, "z", 1, 0, rest ? 100 : 0, removed); }},
+    };
+    for (const auto& [way, remove] : ways) {
+        SCOPED_TRACE(way);
+        uint32_t removed = 9;
+        ASSERT_EQ(zaddval("z", 1, "a", "va"), KV_SUCCESS);
+        ASSERT_EQ(zaddval("z", 2, "b", "vb"), KV_SUCCESS);
+        ASSERT_EQ(zadd("z", 3, "c"), KV_SUCCESS);
+        EXPECT_EQ(remove(false, &removed), KV_SUCCESS);
+        EXPECT_EQ(removed, 1u);
+        EXPECT_EQ(redis({"HKEYS", "kv{z}:v"}), "b");
+        ASSERT_EQ(zadd("z", 1, "a"), KV_SUCCESS);  // back, without its old value
+        EXPECT_EQ(score_of("z", "a").value, std::nullopt);
+        EXPECT_EQ(remove(false, &removed), KV_SUCCESS);
+        EXPECT_EQ(remove(true, &removed), KV_SUCCESS);
+        EXPECT_EQ(removed, 2u);
+        EXPECT_EQ(redis({"EXISTS", "kv{z}", "kv{z}:v"}), "0");
+    }
+}
+
+TEST_F(KeyLayout, BracesPercentZeroBytesAndTheEmptyKeyStayApart) {
+    // Both server keys of a key carry its encoded name as their hash tag, so they share a cluster slot.
+    const std::vector<std::pair<std::string, std::string>> layout = {
+        {"a", "kv{a}"}, {"{a}", "kv{%7Ba%7D}"}, {"%7Ba%7D", "kv{%257Ba%257D}"}, {"", "kv{%}"}, {"%", "kv{%25}"},
+        {"}", "kv{%7D}"}, {"{", "kv{%7B}"}, {std::string("a\0", 2), std::string("kv{a\0}", 6)},
+        {std::string("\0", 1), std::string("kv{\0}", 5)}, {"{}", "kv{%7B%7D}"}, {"kv{a}", "kv{kv%7Ba%7D}"}};
+    for (size_t i = 0; i < layout.size(); ++i) {
+        ASSERT_EQ(zaddval(layout[i].first, double(i), "m" + std::to_string(i), "v" + std::to_string(i)), KV_SUCCESS);
+    }
+    for (size_t i = 0; i < layout.size(); ++i) {
+        const auto& [key, main] = layout[i];
+        SCOPED_TRACE(i);
+        EXPECT_EQ(range(key, 0, -1).values, Values{"v" + std::to_string(i)});
+        EXPECT_EQ(redis({"ZRANGE", main, "0", "-1"}), "m" + std::to_string(i));
+        EXPECT_EQ(redis({"HGET", main + ":v", "m" + std::to_string(i)}), "v" + std::to_string(i));
+    }
+    EXPECT_EQ(redis({"DBSIZE"}), std::to_string(2 * layout.size()));
+    for (const auto& [key, main] : layout) EXPECT_EQ(kv_del(client_, key.data(), key.size()), KV_SUCCESS);
+    EXPECT_EQ(redis({"DBSIZE"}), "0");
+    int32_t t = 7;
+    EXPECT_EQ(kv_del(client_, "a", 1), KV_NOTFOUND);
+    EXPECT_EQ(kv_get_ttl(client_, "a", 1, &t), KV_NOTFOUND);
+    EXPECT_EQ(t, 0);
 }
 
 }  // namespace
