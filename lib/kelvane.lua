@@ -54,19 +54,13 @@ end
 
 -- The time-to-live rule shared by every write: a write that created the key
 -- gives it the time-to-live; on a key that existed only a committed one
--- replaces it, and a committed 0 removes it.
+-- replaces it. 0 means no expiry (PERSIST is a no-op on a new key).
 local function apply_ttl(main, vals, existed, seconds, commit)
-  if redis.call('EXISTS', main) == 1 then
-    if not existed then
-      if seconds > 0 then
-        redis.call('EXPIRE', main, seconds)
-      end
-    elseif commit then
-      if seconds > 0 then
-        redis.call('EXPIRE', main, seconds)
-      else
-        redis.call('PERSIST', main)
-      end
+  if (commit or not existed) and redis.call('EXISTS', main) == 1 then
+    if seconds > 0 then
+      redis.call('EXPIRE', main, seconds)
+    else
+      redis.call('PERSIST', main)
     end
   end
   sync_values(main, vals)
