@@ -624,6 +624,51 @@ static void suite_zscore(void)
     CASE_END;
 }
 
+/* Walks a ZRANGE result in ascending order over the members the suite
+ * wrote (memkey[i] with score i, and a value memval[i] at even i): per index
+ * the member, then its score, then its value or its absence, each where the
+ * call was given those variables (pass NULL for the ones it was not). A
+ * result of more than five members fails on "q_len <= 5" and only its first
+ * n_written entries are compared; a shorter one is walked as far as it
+ * goes. */
+static void walk_rank_result(void **q_mem, size_t q_len, size_t *q_ind_len, double **scores,
+                             void ***values, size_t **value_lens, char memkey[][32],
+                             char memval[][32], uint32_t n_written)
+{
+    double *q_score = scores != NULL ? *scores : NULL;
+    void **q_val = values != NULL ? *values : NULL;
+    size_t *q_indv_len = value_lens != NULL ? *value_lens : NULL;
+    uint32_t i;
+    char *temp;
+
+    if (q_mem == NULL || q_len == 0)
+        return;
+    CHECK(q_len <= 5);
+    for (i = 0; i < q_len && i < n_written; i++) {
+        temp = convert_item(q_mem, q_ind_len, i);
+        CHECK(temp != NULL);
+        if (temp != NULL) {
+            CHECK(strcmp(temp, memkey[i]) == 0);
+        }
+        mm->release(temp);
+        if (scores != NULL) {
+            CHECK_THROUGH(q_score, q_score[i] == i);
+        }
+        if (values == NULL)
+            continue;
+        if (i % 2 == 1) {
+            CHECK_THROUGH(q_val, q_val[i] == NULL);
+        } else {
+            temp = convert_item(q_val, q_indv_len, i);
+            CHECK(temp != NULL);
+            if (temp != NULL) {
+                CHECK(strcmp(temp, memval[i]) == 0);
+            }
+            mm->release(temp);
+        }
+    }
+}
+
 static void suite_zrange(void)
 {
     const char *key = "zset";
@@ -653,25 +698,12 @@ static void suite_zrange(void)
     }
     CASE_END;
 
-    /* Each walk below covers at most the five members case 1 wrote: a
-     * longer result fails on "q_len <= 5" and only its first five entries
-     * are compared. A shorter one is walked as far as it goes. */
     CASE_BEGIN("ZRANGE zset 0 -1");
     q_mem = NULL;
     q_len = 0;
     q_ind_len = NULL;
     CHECK(kv_zrange(client, key, strlen(key), 0, -1, &q_mem, &q_len, &q_ind_len, 0) == KV_SUCCESS);
-    if (q_mem != NULL && q_len != 0) {
-        CHECK(q_len <= 5);
-        for (i = 0; i < q_len && i < n_written; i++) {
-            temp = convert_item(q_mem, q_ind_len, i);
-            CHECK(temp != NULL);
-            if (temp != NULL) {
-                CHECK(strcmp(temp, memkey[i]) == 0);
-            }
-            mm->release(temp);
-        }
-    }
+    walk_rank_result(q_mem, q_len, q_ind_len, NULL, NULL, NULL, memkey, memval, n_written);
     release_range_result(&q_mem, q_len, &q_ind_len, NULL, NULL, NULL);
     CASE_END;
 
@@ -681,18 +713,7 @@ static void suite_zrange(void)
     q_ind_len = NULL;
     q_score = NULL;
     CHECK(kv_zrange(client, key, strlen(key), 0, -1, &q_mem, &q_len, &q_ind_len, ZSET_WITH_SCORES, &q_score) == KV_SUCCESS);
-    if (q_mem != NULL && q_len != 0) {
-        CHECK(q_len <= 5);
-        for (i = 0; i < q_len && i < n_written; i++) {
-            temp = convert_item(q_mem, q_ind_len, i);
-            CHECK(temp != NULL);
-            if (temp != NULL) {
-                CHECK(strcmp(temp, memkey[i]) == 0);
-            }
-            CHECK_THROUGH(q_score, q_score[i] == i);
-            mm->release(temp);
-        }
-    }
+    walk_rank_result(q_mem, q_len, q_ind_len, &q_score, NULL, NULL, memkey, memval, n_written);
     release_range_result(&q_mem, q_len, &q_ind_len, &q_score, NULL, NULL);
     CASE_END;
 
@@ -703,27 +724,7 @@ static void suite_zrange(void)
     q_val = NULL;
     q_indv_len = NULL;
     CHECK(kv_zrange(client, key, strlen(key), 0, -1, &q_mem, &q_len, &q_ind_len, ZSET_WITH_VALUES, &q_val, &q_indv_len) == KV_SUCCESS);
-    if (q_mem != NULL && q_len != 0) {
-        CHECK(q_len <= 5);
-        for (i = 0; i < q_len && i < n_written; i++) {
-            temp = convert_item(q_mem, q_ind_len, i);
-            CHECK(temp != NULL);
-            if (temp != NULL) {
-                CHECK(strcmp(temp, memkey[i]) == 0);
-            }
-            mm->release(temp);
-            if (i % 2 == 1) {
-                CHECK_THROUGH(q_val, q_val[i] == NULL);
-            } else {
-                temp = convert_item(q_val, q_indv_len, i);
-                CHECK(temp != NULL);
-                if (temp != NULL) {
-                    CHECK(strcmp(temp, memval[i]) == 0);
-                }
-                mm->release(temp);
-            }
-        }
-    }
+    walk_rank_result(q_mem, q_len, q_ind_len, NULL, &q_val, &q_indv_len, memkey, memval, n_written);
     release_range_result(&q_mem, q_len, &q_ind_len, NULL, &q_val, &q_indv_len);
     CASE_END;
 
@@ -735,28 +736,7 @@ static void suite_zrange(void)
     q_val = NULL;
     q_indv_len = NULL;
     CHECK(kv_zrange(client, key, strlen(key), 0, -1, &q_mem, &q_len, &q_ind_len, ZSET_WITH_SCORES | ZSET_WITH_VALUES, &q_score, &q_val, &q_indv_len) == KV_SUCCESS);
-    if (q_mem != NULL && q_len != 0) {
-        CHECK(q_len <= 5);
-        for (i = 0; i < q_len && i < n_written; i++) {
-            temp = convert_item(q_mem, q_ind_len, i);
-            CHECK(temp != NULL);
-            if (temp != NULL) {
-                CHECK(strcmp(temp, memkey[i]) == 0);
-            }
-            mm->release(temp);
-            CHECK_THROUGH(q_score, q_score[i] == i);
-            if (i % 2 == 1) {
-                CHECK_THROUGH(q_val, q_val[i] == NULL);
-            } else {
-                temp = convert_item(q_val, q_indv_len, i);
-                CHECK(temp != NULL);
-                if (temp != NULL) {
-                    CHECK(strcmp(temp, memval[i]) == 0);
-                }
-                mm->release(temp);
-            }
-        }
-    }
+    walk_rank_result(q_mem, q_len, q_ind_len, &q_score, &q_val, &q_indv_len, memkey, memval, n_written);
     release_range_result(&q_mem, q_len, &q_ind_len, &q_score, &q_val, &q_indv_len);
     CASE_END;
 
@@ -875,6 +855,49 @@ static uint32_t fill_rez(int32_t *rez, bool with_limit)
     return 4;
 }
 
+/* Walks a ZRANGEBYSCORE result against rez, the expected order as indices
+ * into mem, score and val: per index the member, then its score, then its
+ * value or its absence, each where the call was given those variables (pass
+ * NULL for the ones it was not). Value checks follow the parity of rez[i],
+ * the member's index in mem: even members carry a value, odd ones none. The
+ * walk never goes past the rez_len entries of rez: a longer result has
+ * already failed its q_len check. A member copy that could not be made
+ * fails the member comparison. */
+static void walk_score_result(void **q_mem, size_t q_len, size_t *q_ind_len, double **scores,
+                              void ***values, size_t **value_lens, const char *const *mem,
+                              const double *score, const char *const *val, const int32_t *rez,
+                              uint32_t rez_len)
+{
+    double *q_score = scores != NULL ? *scores : NULL;
+    void **q_val = values != NULL ? *values : NULL;
+    size_t *q_indv_len = value_lens != NULL ? *value_lens : NULL;
+    uint32_t i;
+    char *temp;
+
+    if (q_mem == NULL || q_len == 0)
+        return;
+    for (i = 0; i < q_len && i < rez_len; i++) {
+        temp = convert_item(q_mem, q_ind_len, i);
+        CHECK_THROUGH(temp, strcmp(temp, mem[rez[i]]) == 0);
+        mm->release(temp);
+        if (scores != NULL) {
+            CHECK_THROUGH(q_score, q_score[i] == score[rez[i]]);
+        }
+        if (values == NULL)
+            continue;
+        if (rez[i] % 2 == 1) {
+            CHECK_THROUGH(q_val, q_val[i] == NULL);
+        } else {
+            temp = convert_item(q_val, q_indv_len, i);
+            CHECK(temp != NULL);
+            if (temp != NULL) {
+                CHECK(strcmp(temp, val[rez[i]]) == 0);
+            }
+            mm->release(temp);
+        }
+    }
+}
+
 static void suite_zrangebyscore(void)
 {
     const char *key = "zset";
@@ -903,9 +926,6 @@ static void suite_zrangebyscore(void)
     }
     CASE_END;
 
-    /* Walks never go past the entries of rez: a longer result has already
-     * failed its q_len check. A member copy that could not be made fails
-     * the member comparison. */
     CASE_BEGIN("ZRANGEBYSCORE zset 1 2");
     q_mem = NULL;
     q_len = 0;
@@ -913,13 +933,7 @@ static void suite_zrangebyscore(void)
     CHECK(kv_zrangebyscore(client, key, strlen(key), 1, 2, &q_mem, &q_len, &q_ind_len, 0) == KV_SUCCESS);
     CHECK(q_len == 4);
     rez_len = fill_rez(rez, false);
-    if (q_mem != NULL && q_len != 0) {
-        for (i = 0; i < q_len && i < rez_len; i++) {
-            temp = convert_item(q_mem, q_ind_len, i);
-            CHECK_THROUGH(temp, strcmp(temp, mem[rez[i]]) == 0);
-            mm->release(temp);
-        }
-    }
+    walk_score_result(q_mem, q_len, q_ind_len, NULL, NULL, NULL, mem, score, val, rez, rez_len);
     release_range_result(&q_mem, q_len, &q_ind_len, NULL, NULL, NULL);
     CASE_END;
 
@@ -931,14 +945,7 @@ static void suite_zrangebyscore(void)
     CHECK(kv_zrangebyscore(client, key, strlen(key), 1, 2, &q_mem, &q_len, &q_ind_len, ZSET_WITH_SCORES, &q_score) == KV_SUCCESS);
     CHECK(q_len == 4);
     rez_len = fill_rez(rez, false);
-    if (q_mem != NULL && q_len != 0) {
-        for (i = 0; i < q_len && i < rez_len; i++) {
-            temp = convert_item(q_mem, q_ind_len, i);
-            CHECK_THROUGH(temp, strcmp(temp, mem[rez[i]]) == 0);
-            CHECK_THROUGH(q_score, q_score[i] == score[rez[i]]);
-            mm->release(temp);
-        }
-    }
+    walk_score_result(q_mem, q_len, q_ind_len, &q_score, NULL, NULL, mem, score, val, rez, rez_len);
     release_range_result(&q_mem, q_len, &q_ind_len, &q_score, NULL, NULL);
     CASE_END;
 
@@ -949,13 +956,7 @@ static void suite_zrangebyscore(void)
     CHECK(kv_zrangebyscore(client, key, strlen(key), 1, 2, &q_mem, &q_len, &q_ind_len, ZSET_WITH_LIMIT, 2, 2) == KV_SUCCESS);
     CHECK(q_len == 2);
     rez_len = fill_rez(rez, true);
-    if (q_mem != NULL && q_len != 0) {
-        for (i = 0; i < q_len && i < rez_len; i++) {
-            temp = convert_item(q_mem, q_ind_len, i);
-            CHECK_THROUGH(temp, strcmp(temp, mem[rez[i]]) == 0);
-            mm->release(temp);
-        }
-    }
+    walk_score_result(q_mem, q_len, q_ind_len, NULL, NULL, NULL, mem, score, val, rez, rez_len);
     release_range_result(&q_mem, q_len, &q_ind_len, NULL, NULL, NULL);
     CASE_END;
 
@@ -967,19 +968,10 @@ static void suite_zrangebyscore(void)
     CHECK(kv_zrangebyscore(client, key, strlen(key), 1, 2, &q_mem, &q_len, &q_ind_len, ZSET_WITH_LIMIT | ZSET_WITH_SCORES, 2, 2, &q_score) == KV_SUCCESS);
     CHECK(q_len == 2);
     rez_len = fill_rez(rez, true);
-    if (q_mem != NULL && q_len != 0) {
-        for (i = 0; i < q_len && i < rez_len; i++) {
-            temp = convert_item(q_mem, q_ind_len, i);
-            CHECK_THROUGH(temp, strcmp(temp, mem[rez[i]]) == 0);
-            CHECK_THROUGH(q_score, q_score[i] == score[rez[i]]);
-            mm->release(temp);
-        }
-    }
+    walk_score_result(q_mem, q_len, q_ind_len, &q_score, NULL, NULL, mem, score, val, rez, rez_len);
     release_range_result(&q_mem, q_len, &q_ind_len, &q_score, NULL, NULL);
     CASE_END;
 
-    /* Value checks follow the parity of rez[i], the member's index in mem:
-     * even members carry a value, odd ones none. */
     CASE_BEGIN("ZRANGEBYSCORE zset 1 2 withvals");
     q_mem = NULL;
     q_len = 0;
@@ -989,23 +981,7 @@ static void suite_zrangebyscore(void)
     CHECK(kv_zrangebyscore(client, key, strlen(key), 1, 2, &q_mem, &q_len, &q_ind_len, ZSET_WITH_VALUES, &q_val, &q_indv_len) == KV_SUCCESS);
     CHECK(q_len == 4);
     rez_len = fill_rez(rez, false);
-    if (q_mem != NULL && q_len != 0) {
-        for (i = 0; i < q_len && i < rez_len; i++) {
-            temp = convert_item(q_mem, q_ind_len, i);
-            CHECK_THROUGH(temp, strcmp(temp, mem[rez[i]]) == 0);
-            mm->release(temp);
-            if (rez[i] % 2 == 1) {
-                CHECK_THROUGH(q_val, q_val[i] == NULL);
-            } else {
-                temp = convert_item(q_val, q_indv_len, i);
-                CHECK(temp != NULL);
-                if (temp != NULL) {
-                    CHECK(strcmp(temp, val[rez[i]]) == 0);
-                }
-                mm->release(temp);
-            }
-        }
-    }
+    walk_score_result(q_mem, q_len, q_ind_len, NULL, &q_val, &q_indv_len, mem, score, val, rez, rez_len);
     release_range_result(&q_mem, q_len, &q_ind_len, NULL, &q_val, &q_indv_len);
     CASE_END;
 
@@ -1019,24 +995,7 @@ static void suite_zrangebyscore(void)
     CHECK(kv_zrangebyscore(client, key, strlen(key), 1, 2, &q_mem, &q_len, &q_ind_len, ZSET_WITH_SCORES | ZSET_WITH_VALUES, &q_score, &q_val, &q_indv_len) == KV_SUCCESS);
     CHECK(q_len == 4);
     rez_len = fill_rez(rez, false);
-    if (q_mem != NULL && q_len != 0) {
-        for (i = 0; i < q_len && i < rez_len; i++) {
-            temp = convert_item(q_mem, q_ind_len, i);
-            CHECK_THROUGH(temp, strcmp(temp, mem[rez[i]]) == 0);
-            mm->release(temp);
-            CHECK_THROUGH(q_score, q_score[i] == score[rez[i]]);
-            if (rez[i] % 2 == 1) {
-                CHECK_THROUGH(q_val, q_val[i] == NULL);
-            } else {
-                temp = convert_item(q_val, q_indv_len, i);
-                CHECK(temp != NULL);
-                if (temp != NULL) {
-                    CHECK(strcmp(temp, val[rez[i]]) == 0);
-                }
-                mm->release(temp);
-            }
-        }
-    }
+    walk_score_result(q_mem, q_len, q_ind_len, &q_score, &q_val, &q_indv_len, mem, score, val, rez, rez_len);
     release_range_result(&q_mem, q_len, &q_ind_len, &q_score, &q_val, &q_indv_len);
     CASE_END;
 
@@ -1050,24 +1009,7 @@ static void suite_zrangebyscore(void)
     CHECK(kv_zrangebyscore(client, key, strlen(key), 1, 2, &q_mem, &q_len, &q_ind_len, ZSET_WITH_LIMIT | ZSET_WITH_SCORES | ZSET_WITH_VALUES, 2, 2, &q_score, &q_val, &q_indv_len) == KV_SUCCESS);
     CHECK(q_len == 2);
     rez_len = fill_rez(rez, true);
-    if (q_mem != NULL && q_len != 0) {
-        for (i = 0; i < q_len && i < rez_len; i++) {
-            temp = convert_item(q_mem, q_ind_len, i);
-            CHECK_THROUGH(temp, strcmp(temp, mem[rez[i]]) == 0);
-            mm->release(temp);
-            CHECK_THROUGH(q_score, q_score[i] == score[rez[i]]);
-            if (rez[i] % 2 == 1) {
-                CHECK_THROUGH(q_val, q_val[i] == NULL);
-            } else {
-                temp = convert_item(q_val, q_indv_len, i);
-                CHECK(temp != NULL);
-                if (temp != NULL) {
-                    CHECK(strcmp(temp, val[rez[i]]) == 0);
-                }
-                mm->release(temp);
-            }
-        }
-    }
+    walk_score_result(q_mem, q_len, q_ind_len, &q_score, &q_val, &q_indv_len, mem, score, val, rez, rez_len);
     release_range_result(&q_mem, q_len, &q_ind_len, &q_score, &q_val, &q_indv_len);
     CASE_END;
 
