@@ -54,6 +54,15 @@ extern "C" {
 #define KV_SERVER_ERROR      104 /* the server answered with an error or an unexpected reply */
 #define KV_NO_MEMORY         105 /* the memory manager could not allocate a result buffer */
 #define KV_AUTH_FAILED       106 /* the server rejected the credentials given to kv_server_add */
+#define KV_SERVER_FULL       107 /* the server is at its memory limit and refuses writes; reads,
+                                    removals and kv_del still work, and nothing stored was lost */
+#define KV_CLUSTER_DOWN      108 /* the cluster could not serve the key's slot before the call's
+                                    deadline (CLUSTERDOWN: a failover, or slots not covered) */
+#define KV_TRY_AGAIN         109 /* the key's slot stayed in the middle of a migration until the
+                                    call's deadline (TRYAGAIN); nothing ran */
+#define KV_LIBRARY_MISMATCH  110 /* the server holds another library under kelvane's function
+                                    names (another version or foreign content); nothing ran */
+#define KV_NOT_PERMITTED     111 /* the server's access rules do not let this user run the call */
 
 /* ---- Sorted-set flags of the variadic reads ---------------------------- */
 /* Optional arguments follow the flags in this order, each group only when

@@ -52,7 +52,7 @@ extern "C" int32_t kv_sadd(kv_client* client, const char* key, size_t key_len,
             return KV_INVALID_PARAMETER;
         }
         const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-        Command command = kelvane::function_call("kv_sadd", keys);
+        Command command = kelvane::function_call("sadd", keys);
         kelvane::add_ttl(command, ttl).borrow(member, member_len);
         Reply reply;
         return kelvane::call_function(client, command, reply);

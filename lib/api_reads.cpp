@@ -25,7 +25,7 @@ int32_t count_members(kv_client* client, const char* key, size_t key_len, const 
         return KV_INVALID_PARAMETER;
     }
     const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-    Command command = kelvane::function_call("kv_zcount", keys);
+    Command command = kelvane::function_call("zcount", keys);
     if (bounds) command.score(bounds[0]).score(bounds[1]);
     Reply reply;
     int32_t status = kelvane::call_function(client, command, reply);
@@ -54,7 +54,7 @@ int32_t read_range(kv_client* client, const char* key, size_t key_len, const Sel
     }
     if (sel.limited && sel.offset < 0) return KV_INVALID_PARAMETER;
     const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-    Command command = kelvane::function_call("kv_zrange", keys);
+    Command command = kelvane::function_call("zrange", keys);
     command.flag(sel.by_score);
     if (sel.by_score) {
         command.score(sel.min).score(sel.max);
@@ -134,7 +134,7 @@ extern "C" int32_t kv_zscore(kv_client* client, const char* key, size_t key_len,
             return KV_INVALID_PARAMETER;
         }
         const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-        Command command = kelvane::function_call("kv_zscore", keys);
+        Command command = kelvane::function_call("zscore", keys);
         command.borrow(member, member_len);
         Reply reply;
         int32_t status = kelvane::call_function(client, command, reply);
@@ -172,7 +172,7 @@ extern "C" int32_t kv_zrank(kv_client* client, const char* key, size_t key_len,
             return KV_INVALID_PARAMETER;
         }
         const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-        Command command = kelvane::function_call("kv_zrank", keys);
+        Command command = kelvane::function_call("zrank", keys);
         command.borrow(member, member_len)
             .flag((flags & ZSET_REVERSE) != 0)
             .flag(value != nullptr);

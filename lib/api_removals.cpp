@@ -22,7 +22,7 @@ int32_t remove_members(kv_client* client, const char* key, size_t key_len,
         if (!kelvane::bytes_ok(members[i], members_len[i])) return KV_INVALID_PARAMETER;
     }
     const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-    Command command = kelvane::function_call("kv_zrem", keys);
+    Command command = kelvane::function_call("zrem", keys);
     for (uint32_t i = 0; i < count; ++i) command.borrow(members[i], members_len[i]);
     Reply reply;
     int32_t status = kelvane::call_function(client, command, reply);
@@ -69,7 +69,7 @@ extern "C" int32_t kv_zremrangebyscore(kv_client* client, const char* key, size_
             return KV_INVALID_PARAMETER;
         }
         const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-        Command command = kelvane::function_call("kv_zremrange", keys);
+        Command command = kelvane::function_call("zremrange", keys);
         command.flag(true).score(min).score(max);
         return run_remove_range(client, command, removed);
     });
@@ -83,7 +83,7 @@ extern "C" int32_t kv_zremrangebyrank(kv_client* client, const char* key, size_t
             return KV_INVALID_PARAMETER;
         }
         const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-        Command command = kelvane::function_call("kv_zremrange", keys);
+        Command command = kelvane::function_call("zremrange", keys);
         command.flag(false).integer(start).integer(stop);
         return run_remove_range(client, command, removed);
     });

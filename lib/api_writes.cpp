@@ -31,7 +31,7 @@ int32_t add_members(kv_client* client, const char* key, size_t key_len, const do
         }
     }
     const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-    Command command = kelvane::function_call("kv_zadd", keys);
+    Command command = kelvane::function_call("zadd", keys);
     kelvane::add_ttl(command, ttl).flag(with_values);
     for (uint32_t i = 0; i < count; ++i) {
         command.score(scores[i]).borrow(members[i], members_len[i]);
@@ -93,7 +93,7 @@ extern "C" int32_t kv_zaddvalmax(kv_client* client, const char* key, size_t key_
             return KV_INVALID_PARAMETER;
         }
         const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-        Command command = kelvane::function_call("kv_zaddvalmax", keys);
+        Command command = kelvane::function_call("zaddvalmax", keys);
         kelvane::add_ttl(command, ttl)
             .borrow(member, member_len)
             .borrow(value != nullptr ? value : "", value_len)
@@ -110,7 +110,7 @@ extern "C" int32_t kv_zaddmaxinc(kv_client* client, const char* key, size_t key_
             return KV_INVALID_PARAMETER;
         }
         const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-        Command command = kelvane::function_call("kv_zaddmaxinc", keys);
+        Command command = kelvane::function_call("zaddmaxinc", keys);
         kelvane::add_ttl(command, ttl).integer(increment);
         Reply reply;
         return kelvane::call_function(client, command, reply);
@@ -128,7 +128,7 @@ extern "C" int32_t kv_zadddis(kv_client* client, const char* key, size_t key_len
             return KV_INVALID_PARAMETER;
         }
         const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-        Command command = kelvane::function_call("kv_zadddis", keys);
+        Command command = kelvane::function_call("zadddis", keys);
         kelvane::add_ttl(command, ttl).score(score).borrow(member, member_len).score(drift);
         Reply reply;
         int32_t status = kelvane::call_function(client, command, reply);
@@ -151,7 +151,7 @@ extern "C" int32_t kv_zincrby(kv_client* client, const char* key, size_t key_len
             return KV_INVALID_PARAMETER;
         }
         const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-        Command command = kelvane::function_call("kv_zincrby", keys);
+        Command command = kelvane::function_call("zincrby", keys);
         kelvane::add_ttl(command, ttl).borrow(member, member_len).score(increment);
         Reply reply;
         int32_t status = kelvane::call_function(client, command, reply);

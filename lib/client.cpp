@@ -30,9 +30,10 @@ bool is_missing_function(const redisReply* reply) {
 
 }  // namespace
 
-Command function_call(std::string_view name, const ServerKeys& keys) {
+Command function_call(std::string_view op, const ServerKeys& keys) {
     Command command;
-    command.borrow("FCALL").borrow(name).borrow("2").borrow(keys.main).borrow(keys.values);
+    command.borrow("FCALL").own(std::string(kFunctionLibraryName) + "_" + std::string(op));
+    command.borrow("2").borrow(keys.main).borrow(keys.values);
     return command;
 }
 

@@ -30,13 +30,15 @@ struct kv_client {
 
 namespace kelvane {
 
-// The start of a call of one of the server's kelvane functions on key:
-// FCALL name 2 <main key> <values key>. keys must outlive the command.
-Command function_call(std::string_view name, const ServerKeys& keys);
+// The start of a call of the server's kelvane function for operation op
+// ("zadd") on key: FCALL <library>_<op> 2 <main key> <values key>. keys must
+// outlive the command.
+Command function_call(std::string_view op, const ServerKeys& keys);
 
-// The source of the server-side function library, loaded on every new
-// connection.
+// The source of the server-side function library, and its versioned name
+// (kelvane_<version>), which prefixes every function in it.
 extern const char* const kFunctionLibrary;
+extern const char* const kFunctionLibraryName;
 
 }  // namespace kelvane
 

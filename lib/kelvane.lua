@@ -1,9 +1,14 @@
-#!lua name=kelvane
+#!lua name=@KELVANE_LIBRARY@
 --
 -- kelvane.lua -- the server side of every kelvane operation that reads and
 -- writes, or needs more than one command. Each function runs atomically in
 -- the server, so a call costs one round trip and concurrent clients never see
 -- half of an operation. docs/data-layout.md describes the keys.
+--
+-- The build names the library kelvane_<version>, the version being a digest
+-- of this file, and every function is registered under that name plus "_"
+-- and its operation (kelvane_<version>_zadd), so builds with different
+-- functions never use or replace each other's.
 --
 -- Calling convention:
 --   KEYS[1]  the kelvane key's main key: a sorted set (or, for kv_sadd, a
@@ -14,6 +19,8 @@
 -- significant digits; Lua's own number-to-text keeps only 14, so every score
 -- that leaves goes through score_text(). Replies are arrays whose first
 -- element is the status, numbered as in the client header.
+
+local LIBRARY = '@KELVANE_LIBRARY@'
 
 local SUCCESS = 0
 local WRONG_REPLY = 10
@@ -368,19 +375,19 @@ local function zremrange(main, vals, args)
   return { SUCCESS, removed }
 end
 
-redis.register_function('kv_sadd', sadd)
-redis.register_function('kv_zadd', zset_write(zadd))
-redis.register_function('kv_zaddvalmax', zset_write(zaddvalmax))
-redis.register_function('kv_zaddmaxinc', zset_write(zaddmaxinc))
-redis.register_function('kv_zadddis', zset_write(zadddis))
-redis.register_function('kv_zincrby', zset_write(zincrby))
+redis.register_function(LIBRARY .. '_sadd', sadd)
+redis.register_function(LIBRARY .. '_zadd', zset_write(zadd))
+redis.register_function(LIBRARY .. '_zaddvalmax', zset_write(zaddvalmax))
+redis.register_function(LIBRARY .. '_zaddmaxinc', zset_write(zaddmaxinc))
+redis.register_function(LIBRARY .. '_zadddis', zset_write(zadddis))
+redis.register_function(LIBRARY .. '_zincrby', zset_write(zincrby))
 -- An absent key counts as an empty set for counting and range removals.
 local function read_only(name, callback)
   redis.register_function{ function_name = name, callback = callback, flags = { 'no-writes' } }
 end
-read_only('kv_zscore', on_zset({ NOTFOUND }, zscore))
-read_only('kv_zrank', on_zset({ NOTFOUND }, zrank))
-read_only('kv_zcount', on_zset({ SUCCESS, 0 }, zcount))
-read_only('kv_zrange', on_zset({ NOTFOUND }, zrange))
-redis.register_function('kv_zrem', on_zset({ NOTFOUND, 0 }, zrem))
-redis.register_function('kv_zremrange', on_zset({ SUCCESS, 0 }, zremrange))
+read_only(LIBRARY .. '_zscore', on_zset({ NOTFOUND }, zscore))
+read_only(LIBRARY .. '_zrank', on_zset({ NOTFOUND }, zrank))
+read_only(LIBRARY .. '_zcount', on_zset({ SUCCESS, 0 }, zcount))
+read_only(LIBRARY .. '_zrange', on_zset({ NOTFOUND }, zrange))
+redis.register_function(LIBRARY .. '_zrem', on_zset({ NOTFOUND, 0 }, zrem))
+redis.register_function(LIBRARY .. '_zremrange', on_zset({ SUCCESS, 0 }, zremrange))
