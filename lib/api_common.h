@@ -1,6 +1,6 @@
 // api_common.h -- what every exported operation does at its edge: check its
 // arguments, keep exceptions from crossing into C, turn a time-to-live into
-// function arguments.
+// function arguments, and run its function.
 #ifndef KELVANE_API_COMMON_H
 #define KELVANE_API_COMMON_H
 
@@ -10,9 +10,10 @@
 #include <new>
 
 #include "client.h"
-#include "command.h"
+#include "function_library.h"
 #include "kelvane.h"
-#include "replies.h"
+#include "point_reply.h"
+#include "request.h"
 
 namespace kelvane {
 
@@ -43,17 +44,23 @@ inline bool score_ok(double d) { return !std::isnan(d); }
 inline bool ttl_ok(int32_t ttl) { return ttl >= 0; }
 
 // The seconds and the commit marker, as the write functions take them.
-inline Command& add_ttl(Command& command, int32_t ttl) {
-    command.integer(ttl & ~KV_TTL_COMMIT_BIT);
-    return command.flag((ttl & KV_TTL_COMMIT_BIT) != 0);
+inline Request& add_ttl(Request& request, int32_t ttl) {
+    request.integer(ttl & ~KV_TTL_COMMIT_BIT);
+    return request.flag((ttl & KV_TTL_COMMIT_BIT) != 0);
 }
 
-// Runs a command and returns the status of the function's reply, or the
-// transport status.
-inline int32_t call_function(kv_client* client, Command& command, Reply& reply) {
-    int32_t status = client->run(command, reply);
-    if (status != KV_SUCCESS) return status;
-    return function_status(reply.get());
+// Starts the client's request as a call of the function for op on key K.
+inline Request& function_call(kv_client* client, std::string_view op, const char* key,
+                              std::size_t key_len) {
+    return start_function_call(client->request, op, key, key_len);
+}
+
+// Runs the function call in the client's request and returns the function's
+// status, or the status that kept it from answering.
+inline int32_t call_function(kv_client* client, const char* key, std::size_t key_len,
+                             PointReply& reply) {
+    const int32_t status = client->run_function(key, key_len, reply);
+    return status != KV_SUCCESS ? status : reply.function_status();
 }
 
 }  // namespace kelvane

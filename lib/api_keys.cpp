@@ -1,25 +1,22 @@
 // api_keys.cpp -- operations on keys of any kind: kv_del, kv_get_ttl and
 // kv_sadd.
 #include "api_common.h"
-#include "replies.h"
 #include "server_keys.h"
 
-using kelvane::Command;
 using kelvane::guarded;
-using kelvane::Reply;
+using kelvane::PointReply;
 
 extern "C" int32_t kv_del(kv_client* client, const char* key, size_t key_len) {
     return guarded([&] {
         if (!kelvane::key_ok(client, key, key_len)) return KV_INVALID_PARAMETER;
-        const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
         // One DEL takes both server keys at once, so no one sees half a key.
-        Command command;
-        command.borrow("DEL").borrow(keys.main).borrow(keys.values);
-        Reply reply;
-        int32_t status = client->run(command, reply);
+        client->request.start().arg("DEL").server_key(key, key_len, "").server_key(
+            key, key_len, kelvane::kValuesSuffix);
+        PointReply reply;
+        const int32_t status = client->run_command(key, key_len, reply);
         if (status != KV_SUCCESS) return status;
         long long removed = 0;
-        if (!kelvane::read_integer(reply.get(), &removed)) return KV_SERVER_ERROR;
+        if (!reply.top_integer(&removed)) return KV_SERVER_ERROR;
         return removed > 0 ? KV_SUCCESS : KV_NOTFOUND;
     });
 }
@@ -28,18 +25,21 @@ extern "C" int32_t kv_get_ttl(kv_client* client, const char* key, size_t key_len
     if (ttl != nullptr) *ttl = 0;
     return guarded([&] {
         if (!kelvane::key_ok(client, key, key_len) || ttl == nullptr) return KV_INVALID_PARAMETER;
-        const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
         // The values hash always expires with the main key: the main key's
         // time-to-live is the kelvane key's.
-        Command command;
-        command.borrow("TTL").borrow(keys.main);
-        Reply reply;
-        int32_t status = client->run(command, reply);
+        client->request.start().arg("PTTL").server_key(key, key_len, "");
+        PointReply reply;
+        const int32_t status = client->run_command(key, key_len, reply);
         if (status != KV_SUCCESS) return status;
-        long long seconds = 0;
-        if (!kelvane::read_integer(reply.get(), &seconds)) return KV_SERVER_ERROR;
-        if (seconds == -2) return KV_NOTFOUND;
-        if (seconds > 0) *ttl = static_cast<int32_t>(seconds);
+        long long millis = 0;
+        if (!reply.top_integer(&millis)) return KV_SERVER_ERROR;
+        if (millis == -2) return KV_NOTFOUND;
+        if (millis >= 0) {
+            // Rounded up: a key that will expire never reads as 0, which
+            // means "never expires".
+            const long long seconds = (millis + 999) / 1000;
+            *ttl = static_cast<int32_t>(seconds > 0 ? seconds : 1);
+        }
         return KV_SUCCESS;
     });
 }
@@ -51,10 +51,9 @@ extern "C" int32_t kv_sadd(kv_client* client, const char* key, size_t key_len,
             !kelvane::ttl_ok(ttl)) {
             return KV_INVALID_PARAMETER;
         }
-        const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-        Command command = kelvane::function_call("sadd", keys);
-        kelvane::add_ttl(command, ttl).borrow(member, member_len);
-        Reply reply;
-        return kelvane::call_function(client, command, reply);
+        kelvane::add_ttl(kelvane::function_call(client, "sadd", key, key_len), ttl)
+            .arg(member, member_len);
+        PointReply reply;
+        return kelvane::call_function(client, key, key_len, reply);
     });
 }

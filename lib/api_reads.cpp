@@ -7,12 +7,10 @@
 #include <string_view>
 
 #include "api_common.h"
-#include "replies.h"
-#include "server_keys.h"
+#include "range_reply.h"
 
-using kelvane::Command;
 using kelvane::guarded;
-using kelvane::Reply;
+using kelvane::PointReply;
 
 namespace {
 
@@ -24,14 +22,12 @@ int32_t count_members(kv_client* client, const char* key, size_t key_len, const 
     if (bounds && (!kelvane::score_ok(bounds[0]) || !kelvane::score_ok(bounds[1]))) {
         return KV_INVALID_PARAMETER;
     }
-    const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-    Command command = kelvane::function_call("zcount", keys);
-    if (bounds) command.score(bounds[0]).score(bounds[1]);
-    Reply reply;
-    int32_t status = kelvane::call_function(client, command, reply);
+    kelvane::Request& request = kelvane::function_call(client, "zcount", key, key_len);
+    if (bounds) request.score(bounds[0]).score(bounds[1]);
+    PointReply reply;
+    const int32_t status = kelvane::call_function(client, key, key_len, reply);
     if (status != KV_SUCCESS) return status;
-    return kelvane::read_count(kelvane::field(reply.get(), 1), count) ? KV_SUCCESS
-                                                                      : KV_SERVER_ERROR;
+    return reply.count(1, count) ? KV_SUCCESS : KV_SERVER_ERROR;
 }
 
 // What selects a range: ranks, or inclusive score bounds with an optional
@@ -53,26 +49,27 @@ int32_t read_range(kv_client* client, const char* key, size_t key_len, const Sel
         return KV_INVALID_PARAMETER;
     }
     if (sel.limited && sel.offset < 0) return KV_INVALID_PARAMETER;
-    const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-    Command command = kelvane::function_call("zrange", keys);
-    command.flag(sel.by_score);
+    kelvane::Request& request = kelvane::function_call(client, "zrange", key, key_len);
+    request.flag(sel.by_score);
     if (sel.by_score) {
-        command.score(sel.min).score(sel.max);
+        request.score(sel.min).score(sel.max);
     } else {
-        command.integer(sel.start).integer(sel.stop);
+        request.integer(sel.start).integer(sel.stop);
     }
-    command.flag((flags & ZSET_REVERSE) != 0)
+    request.flag((flags & ZSET_REVERSE) != 0)
         .flag(out.scores != nullptr)
         .flag(out.values != nullptr);
     if (sel.limited) {
-        command.integer(sel.offset).integer(sel.count);
+        request.integer(sel.offset).integer(sel.count);
     } else {
-        command.borrow("").borrow("");
+        request.arg("").arg("");
     }
-    Reply reply;
-    int32_t status = kelvane::call_function(client, command, reply);
+    kelvane::RangeReply reply(client->mm, suffix, out.scores != nullptr, out.values != nullptr);
+    int32_t status = client->run_function(key, key_len, reply);
     if (status != KV_SUCCESS) return status;
-    return kelvane::hand_out_range(client->mm, reply.get(), suffix, out);
+    status = reply.status();
+    if (status == KV_SUCCESS) reply.hand_out(out);
+    return status;
 }
 
 // Takes the optional arguments of a range read from args, clears every
@@ -133,18 +130,17 @@ extern "C" int32_t kv_zscore(kv_client* client, const char* key, size_t key_len,
             score == nullptr || value == nullptr || value_len == nullptr) {
             return KV_INVALID_PARAMETER;
         }
-        const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-        Command command = kelvane::function_call("zscore", keys);
-        command.borrow(member, member_len);
-        Reply reply;
-        int32_t status = kelvane::call_function(client, command, reply);
+        kelvane::function_call(client, "zscore", key, key_len).arg(member, member_len);
+        // The value goes straight into a buffer for the caller.
+        PointReply reply(client->mm, 2);
+        const int32_t status = kelvane::call_function(client, key, key_len, reply);
         if (status != KV_SUCCESS) return status;
         double found = 0;
-        if (!kelvane::read_score(kelvane::field(reply.get(), 1), &found)) return KV_SERVER_ERROR;
-        status = kelvane::hand_out_value(client->mm, kelvane::field(reply.get(), 2), value,
-                                         value_len);
-        if (status == KV_SUCCESS) *score = found;
-        return status;
+        if (!reply.score(1, &found)) return KV_SERVER_ERROR;
+        *value_len = reply.handed_len();
+        *value = reply.take_handed().release();
+        *score = found;
+        return KV_SUCCESS;
     });
 }
 
@@ -171,20 +167,18 @@ extern "C" int32_t kv_zrank(kv_client* client, const char* key, size_t key_len,
             rank == nullptr) {
             return KV_INVALID_PARAMETER;
         }
-        const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-        Command command = kelvane::function_call("zrank", keys);
-        command.borrow(member, member_len)
+        kelvane::function_call(client, "zrank", key, key_len)
+            .arg(member, member_len)
             .flag((flags & ZSET_REVERSE) != 0)
             .flag(value != nullptr);
-        Reply reply;
-        int32_t status = kelvane::call_function(client, command, reply);
+        PointReply reply(client->mm, value != nullptr ? 2 : -1);
+        const int32_t status = kelvane::call_function(client, key, key_len, reply);
         if (status != KV_SUCCESS) return status;
         uint32_t found = 0;
-        if (!kelvane::read_count(kelvane::field(reply.get(), 1), &found)) return KV_SERVER_ERROR;
+        if (!reply.count(1, &found)) return KV_SERVER_ERROR;
         if (value != nullptr) {
-            status = kelvane::hand_out_value(client->mm, kelvane::field(reply.get(), 2), value,
-                                             value_len);
-            if (status != KV_SUCCESS) return status;
+            *value_len = reply.handed_len();
+            *value = reply.take_handed().release();
         }
         *rank = found;
         return KV_SUCCESS;

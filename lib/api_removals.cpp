@@ -2,12 +2,9 @@
 // kv_zremrangebyrank. Removing a member also removes its value; removing the
 // last member removes the key.
 #include "api_common.h"
-#include "replies.h"
-#include "server_keys.h"
 
-using kelvane::Command;
 using kelvane::guarded;
-using kelvane::Reply;
+using kelvane::PointReply;
 
 namespace {
 
@@ -21,24 +18,23 @@ int32_t remove_members(kv_client* client, const char* key, size_t key_len,
     for (uint32_t i = 0; i < count; ++i) {
         if (!kelvane::bytes_ok(members[i], members_len[i])) return KV_INVALID_PARAMETER;
     }
-    const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-    Command command = kelvane::function_call("zrem", keys);
-    for (uint32_t i = 0; i < count; ++i) command.borrow(members[i], members_len[i]);
-    Reply reply;
-    int32_t status = kelvane::call_function(client, command, reply);
+    kelvane::Request& request = kelvane::function_call(client, "zrem", key, key_len);
+    for (uint32_t i = 0; i < count; ++i) request.arg(members[i], members_len[i]);
+    PointReply reply;
+    const int32_t status = kelvane::call_function(client, key, key_len, reply);
     if (status != KV_SUCCESS) return status;
     uint32_t n = 0;
-    if (!kelvane::read_count(kelvane::field(reply.get(), 1), &n)) return KV_SERVER_ERROR;
+    if (!reply.count(1, &n)) return KV_SERVER_ERROR;
     if (removed != nullptr) *removed = n;
     return KV_SUCCESS;
 }
 
-int32_t run_remove_range(kv_client* client, Command& command, uint32_t* removed) {
-    Reply reply;
-    int32_t status = kelvane::call_function(client, command, reply);
+// Runs the range removal in the client's request.
+int32_t run_remove_range(kv_client* client, const char* key, size_t key_len, uint32_t* removed) {
+    PointReply reply;
+    const int32_t status = kelvane::call_function(client, key, key_len, reply);
     if (status != KV_SUCCESS) return status;
-    return kelvane::read_count(kelvane::field(reply.get(), 1), removed) ? KV_SUCCESS
-                                                                        : KV_SERVER_ERROR;
+    return reply.count(1, removed) ? KV_SUCCESS : KV_SERVER_ERROR;
 }
 
 }  // namespace
@@ -68,10 +64,8 @@ extern "C" int32_t kv_zremrangebyscore(kv_client* client, const char* key, size_
             !kelvane::score_ok(min) || !kelvane::score_ok(max)) {
             return KV_INVALID_PARAMETER;
         }
-        const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-        Command command = kelvane::function_call("zremrange", keys);
-        command.flag(true).score(min).score(max);
-        return run_remove_range(client, command, removed);
+        kelvane::function_call(client, "zremrange", key, key_len).flag(true).score(min).score(max);
+        return run_remove_range(client, key, key_len, removed);
     });
 }
 
@@ -82,9 +76,10 @@ extern "C" int32_t kv_zremrangebyrank(kv_client* client, const char* key, size_t
         if (!kelvane::key_ok(client, key, key_len) || removed == nullptr) {
             return KV_INVALID_PARAMETER;
         }
-        const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-        Command command = kelvane::function_call("zremrange", keys);
-        command.flag(false).integer(start).integer(stop);
-        return run_remove_range(client, command, removed);
+        kelvane::function_call(client, "zremrange", key, key_len)
+            .flag(false)
+            .integer(start)
+            .integer(stop);
+        return run_remove_range(client, key, key_len, removed);
     });
 }

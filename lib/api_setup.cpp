@@ -1,4 +1,5 @@
 // api_setup.cpp -- clients, server registration and voidtostring.
+#include <chrono>
 #include <cstring>
 #include <new>
 
@@ -13,20 +14,20 @@ constexpr int32_t kDefaultConnectTimeout = 1;
 constexpr int32_t kDefaultCommandTimeout = 2;
 constexpr int32_t kDefaultConnectAttempts = 2;
 
-timeval seconds(int32_t s, int32_t fallback) { return timeval{s > 0 ? s : fallback, 0}; }
+std::chrono::milliseconds seconds(int32_t s, int32_t fallback) {
+    return std::chrono::seconds(s > 0 ? s : fallback);
+}
 
 }  // namespace
 
 extern "C" kv_client* kv_client_create(int32_t connect_timeout_s, int32_t command_timeout_s,
                                        kv_mm* mm, int32_t connect_attempts) {
     if (mm == nullptr) return nullptr;
-    auto* client = new (std::nothrow) kv_client;
-    if (client == nullptr) return nullptr;
-    client->mm = mm;
-    client->timeouts.connect = seconds(connect_timeout_s, kDefaultConnectTimeout);
-    client->timeouts.command = seconds(command_timeout_s, kDefaultCommandTimeout);
-    client->connect_attempts = connect_attempts > 0 ? connect_attempts : kDefaultConnectAttempts;
-    return client;
+    kelvane::RouterSettings settings{
+        seconds(connect_timeout_s, kDefaultConnectTimeout),
+        seconds(command_timeout_s, kDefaultCommandTimeout),
+        connect_attempts > 0 ? connect_attempts : kDefaultConnectAttempts};
+    return new (std::nothrow) kv_client(mm, settings);
 }
 
 extern "C" void kv_client_destroy(kv_client* client) { delete client; }
@@ -40,16 +41,13 @@ extern "C" int32_t kv_server_add(kv_client* client, const char* host, uint32_t p
         if (credentials != nullptr && credentials->password == nullptr) {
             return KV_INVALID_PARAMETER;
         }
-        if (client->server) return KV_ALREADY_EXISTS;
-        kelvane::Endpoint endpoint;
-        endpoint.host = host;
-        endpoint.port = static_cast<int>(port);
+        kelvane::Endpoint seed{host, static_cast<int>(port)};
+        std::optional<kelvane::Credentials> given;
         if (credentials != nullptr) {
-            if (credentials->user != nullptr) endpoint.user = credentials->user;
-            endpoint.password = credentials->password;
+            given = kelvane::Credentials{credentials->user != nullptr ? credentials->user : "default",
+                                         credentials->password};
         }
-        client->server = std::move(endpoint);
-        return client->connect();
+        return client->router.add_seed(seed, given, client->call_deadline());
     });
 }
 

@@ -1,15 +1,10 @@
 // api_writes.cpp -- the sorted-set writes. Each is one call of a server
 // function (kelvane.lua), which applies the time-to-live rule.
-#include <cstring>
-
 #include "api_common.h"
 #include "memory_manager.h"
-#include "replies.h"
-#include "server_keys.h"
 
-using kelvane::Command;
 using kelvane::guarded;
-using kelvane::Reply;
+using kelvane::PointReply;
 
 namespace {
 
@@ -30,15 +25,14 @@ int32_t add_members(kv_client* client, const char* key, size_t key_len, const do
             return KV_INVALID_PARAMETER;
         }
     }
-    const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-    Command command = kelvane::function_call("zadd", keys);
-    kelvane::add_ttl(command, ttl).flag(with_values);
+    kelvane::Request& request = kelvane::function_call(client, "zadd", key, key_len);
+    kelvane::add_ttl(request, ttl).flag(with_values);
     for (uint32_t i = 0; i < count; ++i) {
-        command.score(scores[i]).borrow(members[i], members_len[i]);
-        if (with_values) command.borrow(values[i], values_len[i]);
+        request.score(scores[i]).arg(members[i], members_len[i]);
+        if (with_values) request.arg(values[i], values_len[i]);
     }
-    Reply reply;
-    return kelvane::call_function(client, command, reply);
+    PointReply reply;
+    return kelvane::call_function(client, key, key_len, reply);
 }
 
 }  // namespace
@@ -92,14 +86,12 @@ extern "C" int32_t kv_zaddvalmax(kv_client* client, const char* key, size_t key_
             !kelvane::ttl_ok(ttl)) {
             return KV_INVALID_PARAMETER;
         }
-        const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-        Command command = kelvane::function_call("zaddvalmax", keys);
-        kelvane::add_ttl(command, ttl)
-            .borrow(member, member_len)
-            .borrow(value != nullptr ? value : "", value_len)
+        kelvane::add_ttl(kelvane::function_call(client, "zaddvalmax", key, key_len), ttl)
+            .arg(member, member_len)
+            .arg(value != nullptr ? value : "", value_len)
             .score(increment);
-        Reply reply;
-        return kelvane::call_function(client, command, reply);
+        PointReply reply;
+        return kelvane::call_function(client, key, key_len, reply);
     });
 }
 
@@ -109,11 +101,10 @@ extern "C" int32_t kv_zaddmaxinc(kv_client* client, const char* key, size_t key_
         if (!kelvane::key_ok(client, key, key_len) || !kelvane::ttl_ok(ttl)) {
             return KV_INVALID_PARAMETER;
         }
-        const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-        Command command = kelvane::function_call("zaddmaxinc", keys);
-        kelvane::add_ttl(command, ttl).integer(increment);
-        Reply reply;
-        return kelvane::call_function(client, command, reply);
+        kelvane::add_ttl(kelvane::function_call(client, "zaddmaxinc", key, key_len), ttl)
+            .integer(increment);
+        PointReply reply;
+        return kelvane::call_function(client, key, key_len, reply);
     });
 }
 
@@ -127,17 +118,17 @@ extern "C" int32_t kv_zadddis(kv_client* client, const char* key, size_t key_len
             !kelvane::ttl_ok(ttl)) {
             return KV_INVALID_PARAMETER;
         }
-        const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-        Command command = kelvane::function_call("zadddis", keys);
-        kelvane::add_ttl(command, ttl).score(score).borrow(member, member_len).score(drift);
-        Reply reply;
-        int32_t status = kelvane::call_function(client, command, reply);
+        kelvane::add_ttl(kelvane::function_call(client, "zadddis", key, key_len), ttl)
+            .score(score)
+            .arg(member, member_len)
+            .score(drift);
+        // The name of the member that kept the highest score goes straight
+        // into a buffer for the caller.
+        PointReply reply(client->mm, 1);
+        const int32_t status = kelvane::call_function(client, key, key_len, reply);
         if (status != KV_SUCCESS && status != KV_ALREADY_EXISTS) return status;
-        // The write has landed; only the name can still fail to arrive.
-        size_t name_len = 0;
-        int32_t handed = kelvane::hand_out_value(client->mm, kelvane::field(reply.get(), 1), kept,
-                                                 &name_len);
-        return handed == KV_SUCCESS ? status : handed;
+        *kept = reply.take_handed().release();
+        return status;
     });
 }
 
@@ -150,15 +141,12 @@ extern "C" int32_t kv_zincrby(kv_client* client, const char* key, size_t key_len
             !kelvane::score_ok(increment) || new_score == nullptr || !kelvane::ttl_ok(ttl)) {
             return KV_INVALID_PARAMETER;
         }
-        const kelvane::ServerKeys keys = kelvane::server_keys(key, key_len);
-        Command command = kelvane::function_call("zincrby", keys);
-        kelvane::add_ttl(command, ttl).borrow(member, member_len).score(increment);
-        Reply reply;
-        int32_t status = kelvane::call_function(client, command, reply);
+        kelvane::add_ttl(kelvane::function_call(client, "zincrby", key, key_len), ttl)
+            .arg(member, member_len)
+            .score(increment);
+        PointReply reply;
+        const int32_t status = kelvane::call_function(client, key, key_len, reply);
         if (status != KV_SUCCESS) return status;
-        if (!kelvane::read_score(kelvane::field(reply.get(), 1), new_score)) {
-            return KV_SERVER_ERROR;
-        }
-        return KV_SUCCESS;
+        return reply.score(1, new_score) ? KV_SUCCESS : KV_SERVER_ERROR;
     });
 }

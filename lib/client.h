@@ -1,45 +1,40 @@
-// client.h -- the state behind a kv_client handle and the one path every
-// operation takes to the server.
+// client.h -- the state behind a kv_client handle: its settings, its memory
+// manager, the router that reaches the servers, and the request buffer that
+// every call writes its command into.
 #ifndef KELVANE_CLIENT_H
 #define KELVANE_CLIENT_H
 
+#include <cstddef>
 #include <cstdint>
-#include <optional>
-#include <string_view>
 
-#include "command.h"
-#include "connection.h"
+#include "deadline.h"
 #include "kelvane.h"
-#include "server_keys.h"
+#include "reply_sink.h"
+#include "request.h"
+#include "router.h"
 
 struct kv_client {
-    kv_mm* mm = nullptr;
-    kelvane::Timeouts timeouts{};
-    int connect_attempts = 1;
-    std::optional<kelvane::Endpoint> server;
-    kelvane::Connection connection;
+    kv_client(kv_mm* manager, const kelvane::RouterSettings& given)
+        : mm(manager), settings(given), router(given) {}
 
-    // Runs one command on the registered server, connecting first when
-    // there is no live connection. KV_SUCCESS means a reply arrived (which
-    // may still be an error reply); any other status is a transport failure.
-    int32_t run(kelvane::Command& command, kelvane::Reply& reply);
+    // The moment by which a call that starts now must return: every
+    // connection attempt may take its connect timeout, and the command its
+    // command timeout.
+    kelvane::Deadline call_deadline() const {
+        return kelvane::Deadline::after(settings.connect_attempts * settings.connect_timeout +
+                                        settings.command_timeout);
+    }
 
-    // Connects now: what kv_server_add reports.
-    int32_t connect();
+    // Runs the function call in request, for kelvane key K, and reads its
+    // reply into sink. The router's status, KV_SUCCESS once a reply came.
+    int32_t run_function(const char* key, std::size_t key_len, kelvane::ReplySink& sink);
+    // Runs a plain command on the node that serves K.
+    int32_t run_command(const char* key, std::size_t key_len, kelvane::ReplySink& sink);
+
+    kv_mm* mm;
+    kelvane::RouterSettings settings;
+    kelvane::Router router;
+    kelvane::Request request;
 };
-
-namespace kelvane {
-
-// The start of a call of the server's kelvane function for operation op
-// ("zadd") on key: FCALL <library>_<op> 2 <main key> <values key>. keys must
-// outlive the command.
-Command function_call(std::string_view op, const ServerKeys& keys);
-
-// The source of the server-side function library, and its versioned name
-// (kelvane_<version>), which prefixes every function in it.
-extern const char* const kFunctionLibrary;
-extern const char* const kFunctionLibraryName;
-
-}  // namespace kelvane
 
 #endif  // KELVANE_CLIENT_H

@@ -314,7 +314,8 @@ end
 -- by_score, low, high, reverse, with_scores, with_values, offset, count.
 -- By rank, low and high are the start and stop ranks; by score they are the
 -- inclusive bounds and offset/count slice the selection (offset "" for no
--- limit). The reply is status, members, scores (empty unless asked for) and
+-- limit). The reply is status, the range as the server gives it (member,
+-- score pairs when scores were asked for, members alone otherwise) and the
 -- values (false for a member without one; empty unless asked for).
 local function zrange(main, vals, args)
   local by_score, reverse = args[1] == '1', args[4] == '1'
@@ -339,20 +340,22 @@ local function zrange(main, vals, args)
     table.insert(command, args[7])
     table.insert(command, args[8])
   end
-  table.insert(command, 'WITHSCORES')
-  local flat = redis.call(unpack(command))
-  local members, scores = {}, {}
-  for i = 1, #flat, 2 do
-    members[#members + 1] = flat[i]
-    if with_scores then
-      scores[#scores + 1] = flat[i + 1]
-    end
+  if with_scores then
+    table.insert(command, 'WITHSCORES')
   end
+  local items = redis.call(unpack(command))
   local values = {}
   if with_values then
+    local members = items
+    if with_scores then
+      members = {}
+      for i = 1, #items, 2 do
+        members[#members + 1] = items[i]
+      end
+    end
     values = values_of(vals, members)
   end
-  return { SUCCESS, members, scores, values }
+  return { SUCCESS, items, values }
 end
 
 -- kv_zrem and kv_zmrem: members...

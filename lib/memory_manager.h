@@ -18,6 +18,9 @@ struct MmRelease {
 // A result buffer owned until it is handed to the caller with release().
 using MmBuffer = std::unique_ptr<char, MmRelease>;
 
+// Frees a buffer that was handed out by any manager (nullptr: nothing).
+inline void mm_release(void* p) noexcept { MmRelease{}(p); }
+
 // Allocates size bytes through mm; an empty pointer when mm says no.
 MmBuffer mm_allocate(kv_mm* mm, std::size_t size);
 

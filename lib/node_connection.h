@@ -1,0 +1,58 @@
+// node_connection.h -- one connection to one server node: the socket, the
+// protocol reader, the greeting (HELLO, with AUTH when the client has
+// credentials) and request-reply exchanges bounded by a deadline.
+#ifndef KELVANE_NODE_CONNECTION_H
+#define KELVANE_NODE_CONNECTION_H
+
+#include <array>
+#include <cstdint>
+#include <initializer_list>
+#include <optional>
+#include <string_view>
+
+#include "deadline.h"
+#include "endpoint.h"
+#include "reply_sink.h"
+#include "socket.h"
+
+namespace kelvane {
+
+enum class NodeMode : uint8_t { unknown, standalone, cluster };
+
+// How an exchange went. A failed one closes the connection.
+struct Exchange {
+    int32_t status;  // KV_SUCCESS: every reply arrived (any may be an error reply)
+    bool sent;       // the whole request went out, so the server may have run it
+};
+
+class NodeConnection {
+public:
+    // Connects within connect_deadline, then greets the server within
+    // deadline and learns whether it is a cluster node. KV_SUCCESS or the
+    // status that says why not (KV_AUTH_FAILED for refused credentials).
+    int32_t open(const Endpoint& endpoint, const std::optional<Credentials>& credentials,
+                 Deadline connect_deadline, Deadline deadline);
+    void close() noexcept;
+    bool is_open() const { return socket_.is_open(); }
+    // Open, and not closed by the server since the last exchange.
+    bool usable() const { return socket_.idle_and_alive(); }
+    NodeMode mode() const { return mode_; }
+
+    // Sends bytes, which hold one command per sink, and reads each reply
+    // into its sink, all before the deadline.
+    Exchange exchange(std::string_view bytes, std::initializer_list<ReplySink*> sinks,
+                      Deadline deadline);
+
+private:
+    int32_t read_reply(ReplySink& sink, Deadline deadline);
+    int32_t greet(const std::optional<Credentials>& credentials, Deadline deadline);
+
+    Socket socket_;
+    Reader reader_;
+    NodeMode mode_ = NodeMode::unknown;
+    std::array<char, 16 * 1024> buffer_;
+};
+
+}  // namespace kelvane
+
+#endif  // KELVANE_NODE_CONNECTION_H

@@ -1,0 +1,89 @@
+// router.h -- the path of one command to the node that serves its key.
+//
+// The router knows the seeds given to kv_server_add and, for a cluster, the
+// slot map; it keeps one lazily made connection per node. It follows MOVED
+// and ASK redirections, waits out TRYAGAIN, CLUSTERDOWN and LOADING with a
+// short back-off, and routes again when a node refuses the connection or
+// turns out to be a replica, all within the call's deadline. A command that
+// may have run is never sent a second time. With a standalone server all of
+// this reduces to the one connection to that server.
+#ifndef KELVANE_ROUTER_H
+#define KELVANE_ROUTER_H
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "deadline.h"
+#include "endpoint.h"
+#include "node_connection.h"
+#include "reply_sink.h"
+#include "request.h"
+#include "slot_map.h"
+
+namespace kelvane {
+
+struct RouterSettings {
+    std::chrono::milliseconds connect_timeout;
+    std::chrono::milliseconds command_timeout;
+    int connect_attempts;
+};
+
+class Router {
+public:
+    explicit Router(const RouterSettings& settings) : settings_(settings) {}
+
+    // Adds a seed and connects to it now. KV_SUCCESS; KV_ALREADY_EXISTS for
+    // a seed given before; KV_INVALID_PARAMETER for a standalone server next
+    // to a cluster; or the status that says why it cannot be reached (the
+    // seed stays: later calls try again).
+    int32_t add_seed(const Endpoint& seed, const std::optional<Credentials>& credentials,
+                     Deadline deadline);
+    bool has_seeds() const { return !seeds_.empty(); }
+
+    // Sends request to the node that serves slot and reads its reply into
+    // sink. KV_SUCCESS once a reply that is not an error arrived; otherwise
+    // the status that ends the call. uses_functions: the node must hold the
+    // function library first.
+    int32_t run(Request& request, uint16_t slot, ReplySink& sink, bool uses_functions,
+                Deadline deadline);
+
+private:
+    struct Node {
+        Endpoint endpoint;
+        std::optional<Credentials> credentials;
+        NodeConnection connection;
+        bool library_checked = false;
+    };
+
+    Node& node(const Endpoint& endpoint);
+    // An open, live connection to n, connecting as needed.
+    int32_t connect(Node& n, Deadline deadline, int attempts);
+    // Finds out what the seeds are (standalone or cluster) when no seed has
+    // answered yet.
+    int32_t discover(Deadline deadline);
+    // The node for slot; nullptr and *status when there is none just now.
+    Node* route(uint16_t slot, Deadline deadline, int32_t* status);
+    // Asks the cluster for its slot map, trying every known node, avoid last.
+    int32_t refresh(Deadline deadline, const Node* avoid);
+    void learn_mode(Node& n);
+    Deadline command_deadline(Deadline deadline) const {
+        return deadline.within(settings_.command_timeout);
+    }
+
+    RouterSettings settings_;
+    std::vector<std::unique_ptr<Node>> nodes_;
+    std::vector<Node*> seeds_;
+    NodeMode mode_ = NodeMode::unknown;
+    Node* standalone_ = nullptr;  // the server, in standalone mode
+    SlotMap map_;
+    bool map_loaded_ = false;
+    bool refresh_due_ = false;
+    Clock::time_point last_refresh_{};
+};
+
+}  // namespace kelvane
+
+#endif  // KELVANE_ROUTER_H

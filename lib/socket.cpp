@@ -1,0 +1,166 @@
+// socket.cpp -- connecting, sending and receiving with deadlines.
+#include "socket.h"
+
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+
+#include "kelvane.h"
+
+namespace kelvane {
+namespace {
+
+// A deadline closer than the kernel timeout by less than this is left to
+// the kernel: it saves a system call per read at the cost of overrunning the
+// deadline by at most this much.
+constexpr std::chrono::microseconds kTimeoutSlack{2000};
+
+struct AddrInfoFree {
+    void operator()(addrinfo* a) const noexcept { freeaddrinfo(a); }
+};
+
+int poll_millis(Deadline deadline) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline.remaining()).count();
+    return left > 0x7fffffff ? 0x7fffffff : static_cast<int>(left);
+}
+
+// Waits until a non-blocking connect on fd completes or the deadline passes.
+bool finish_connect(int fd, Deadline deadline) {
+    for (;;) {
+        pollfd p{fd, POLLOUT, 0};
+        const int n = poll(&p, 1, poll_millis(deadline));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        int error = 0;
+        socklen_t len = sizeof error;
+        return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &len) == 0 && error == 0;
+    }
+}
+
+int try_address(const addrinfo* a, Deadline deadline) {
+    const int fd = ::socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC,
+                            a->ai_protocol);
+    if (fd < 0) return -1;
+    if (::connect(fd, a->ai_addr, a->ai_addrlen) == 0 ||
+        (errno == EINPROGRESS && finish_connect(fd, deadline))) {
+        // From here on the socket blocks; kernel timeouts bound each wait.
+        const int flags = fcntl(fd, F_GETFL);
+        if (flags >= 0 && fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == 0) return fd;
+    }
+    ::close(fd);
+    return -1;
+}
+
+}  // namespace
+
+Socket::Socket(Socket&& other) noexcept { *this = std::move(other); }
+
+Socket& Socket::operator=(Socket&& other) noexcept {
+    if (this != &other) {
+        close();
+        fd_ = other.fd_;
+        receive_timeout_ = other.receive_timeout_;
+        send_timeout_ = other.send_timeout_;
+        other.fd_ = -1;
+    }
+    return *this;
+}
+
+int32_t Socket::connect(const std::string& host, int port, Deadline deadline) {
+    close();
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
+        return KV_CONNECT_FAILED;
+    }
+    std::unique_ptr<addrinfo, AddrInfoFree> addresses(found);
+    for (const addrinfo* a = addresses.get(); a != nullptr && !deadline.passed(); a = a->ai_next) {
+        const int fd = try_address(a, deadline);
+        if (fd < 0) continue;
+        fd_ = fd;
+        receive_timeout_ = send_timeout_ = Micros{0};
+        const int on = 1;
+        // Requests are written whole; waiting to coalesce them only adds latency.
+        setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        setsockopt(fd_, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+        return KV_SUCCESS;
+    }
+    return KV_CONNECT_FAILED;
+}
+
+void Socket::close() noexcept {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+}
+
+bool Socket::bound_wait(int option, Micros& current, Deadline deadline) {
+    const auto left = std::chrono::duration_cast<Micros>(deadline.remaining());
+    if (left <= Micros::zero()) return false;
+    if (current == Micros::zero() || current > left + kTimeoutSlack) {
+        timeval tv{static_cast<time_t>(left.count() / 1000000),
+                   static_cast<suseconds_t>(left.count() % 1000000)};
+        if (setsockopt(fd_, SOL_SOCKET, option, &tv, sizeof tv) != 0) return false;
+        current = left;
+    }
+    return true;
+}
+
+int32_t Socket::send_all(std::string_view bytes, Deadline deadline) {
+    if (fd_ < 0) return KV_CONNECTION_LOST;
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        if (!bound_wait(SO_SNDTIMEO, send_timeout_, deadline)) return KV_TIMEOUT;
+        const ssize_t n = ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+        if (n > 0) {
+            done += static_cast<std::size_t>(n);
+        } else if (n < 0 && errno == EINTR) {
+            continue;
+        } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            // The kernel timeout ran out; it may have been longer ago than
+            // the deadline allows, or shorter: look again.
+            send_timeout_ = Micros::zero();
+        } else {
+            return KV_CONNECTION_LOST;
+        }
+    }
+    return KV_SUCCESS;
+}
+
+int32_t Socket::receive(char* buffer, std::size_t capacity, Deadline deadline,
+                        std::size_t* received) {
+    *received = 0;
+    if (fd_ < 0) return KV_CONNECTION_LOST;
+    for (;;) {
+        if (!bound_wait(SO_RCVTIMEO, receive_timeout_, deadline)) return KV_TIMEOUT;
+        const ssize_t n = ::recv(fd_, buffer, capacity, 0);
+        if (n > 0) {
+            *received = static_cast<std::size_t>(n);
+            return KV_SUCCESS;
+        }
+        if (n == 0) return KV_CONNECTION_LOST;  // the server closed its end
+        if (errno == EINTR) continue;
+        if (errno != EAGAIN && errno != EWOULDBLOCK) return KV_CONNECTION_LOST;
+        receive_timeout_ = Micros::zero();  // ran out: measure against the deadline again
+    }
+}
+
+bool Socket::idle_and_alive() const {
+    if (fd_ < 0) return false;
+    char byte;
+    const ssize_t n = ::recv(fd_, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    if (n == 0) return false;  // orderly shutdown by the server
+    if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+    return false;  // bytes nobody asked for: the stream is out of step
+}
+
+}  // namespace kelvane
