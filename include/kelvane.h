@@ -19,8 +19,13 @@
  * - Every buffer handed back through an out-parameter is allocated through
  *   the client's memory manager and belongs to the caller, who frees it with
  *   that manager's release().
- * - Every call is synchronous and costs one round trip to the server. A
- *   client is used by one thread at a time; memory managers may be shared.
+ * - Every call is synchronous and costs one round trip to the server that
+ *   holds its key (a cluster's redirections, and the first call on each
+ *   node, which checks that it holds the library's server functions, cost
+ *   more). Every call returns within
+ *   connect_attempts x connect_timeout_s + command_timeout_s seconds
+ *   (kv_client_create) whatever the servers do. A client is used by one
+ *   thread at a time; memory managers may be shared.
  * - A key that holds a value of another kind (a plain set made with kv_sadd
  *   where a sorted set is expected, or the other way round) gives
  *   KV_WRONG_REPLY and changes nothing.
@@ -44,12 +49,14 @@ extern "C" {
 #define KV_INVALID_PARAMETER 15  /* a null handle or out-parameter, a bad length or flag combination */
 #define KV_NO_SET_KEY        17  /* the sorted set exists but the member is not in it */
 
-/* Failures of the client itself or of the way to the server. None of them
- * says anything about the data: the operation may or may not have landed
- * (KV_TIMEOUT, KV_CONNECTION_LOST) or was never sent (the others). */
+/* Failures of the client itself, of the way to the server, or of the
+ * server's state. After KV_TIMEOUT and KV_CONNECTION_LOST the operation may
+ * or may not have landed (it is never sent twice). KV_NO_MEMORY and
+ * KV_SERVER_ERROR can follow an operation that landed but whose answer could
+ * not be handed out or read. After the others nothing ran. */
 #define KV_NO_SERVER         100 /* no server registered with kv_server_add */
 #define KV_CONNECT_FAILED    101 /* the server refused or did not answer the connection */
-#define KV_TIMEOUT           102 /* the server did not answer within the command timeout */
+#define KV_TIMEOUT           102 /* no answer within the command timeout or the call's deadline */
 #define KV_CONNECTION_LOST   103 /* the connection broke while the call was under way */
 #define KV_SERVER_ERROR      104 /* the server answered with an error or an unexpected reply */
 #define KV_NO_MEMORY         105 /* the memory manager could not allocate a result buffer */
@@ -132,11 +139,15 @@ typedef struct kv_credentials {
 
 /* Creates a client whose results are allocated through mm.
  * connect_timeout_s: seconds to wait for a connection to be set up;
- * command_timeout_s: seconds to wait for the answer to one call;
- * connect_attempts:  connection attempts a call makes before it gives up
- *                    with KV_CONNECT_FAILED.
- * Values of 0 or below take the defaults 1, 2 and 2. Returns NULL when mm is
- * NULL or memory runs out. */
+ * command_timeout_s: seconds to wait for the answer to one command, from
+ *                    the moment it was sent;
+ * connect_attempts:  connection attempts a call makes on a node before it
+ *                    gives up on it with KV_CONNECT_FAILED (a cluster then
+ *                    routes again, until the call's deadline).
+ * Values of 0 or below take the defaults 1, 2 and 2. One call, with every
+ * connection attempt, redirection, retry and back-off it makes, returns
+ * within connect_attempts x connect_timeout_s + command_timeout_s seconds
+ * (4 for 1, 2 and 2). Returns NULL when mm is NULL or memory runs out. */
 kv_client *kv_client_create(int32_t connect_timeout_s, int32_t command_timeout_s, kv_mm *mm,
                             int32_t connect_attempts);
 
@@ -144,11 +155,21 @@ kv_client *kv_client_create(int32_t connect_timeout_s, int32_t command_timeout_s
  * caller's. */
 void kv_client_destroy(kv_client *client);
 
-/* Registers the one server the client talks to (host as dotted-decimal text
- * or a name) and connects to it. credentials may be NULL. The server stays
- * registered when the connection fails: every later call tries again, and
- * the status says why this attempt failed. A second registration gives
- * KV_ALREADY_EXISTS. */
+/* Adds a seed: a server of the store (host as dotted-decimal text or a
+ * name, and port) with the credentials to present to it (NULL: none), and
+ * connects to it at once. May be called several times; every seed belongs to
+ * the same store.
+ * - A standalone server is the store: calls go to the first seed that
+ *   answers, and to the next seed when it cannot be reached.
+ * - A Redis Cluster node (a master or a replica) leads to the cluster: the
+ *   client asks any reachable seed for the slot map and sends each call to
+ *   the master of its key's slot, following the cluster through slot
+ *   migrations and failovers. Nodes the cluster names are given the
+ *   credentials of the first seed that has some.
+ * A seed stays registered when the connection fails: later calls try it
+ * again, and the status says why this attempt failed. The same host and
+ * port twice gives KV_ALREADY_EXISTS; a standalone server next to a cluster
+ * gives KV_INVALID_PARAMETER. */
 int32_t kv_server_add(kv_client *client, const char *host, uint32_t port,
                       const kv_credentials *credentials);
 
@@ -157,8 +178,9 @@ int32_t kv_server_add(kv_client *client, const char *host, uint32_t port,
 /* Removes the key whatever it holds. KV_NOTFOUND when it did not exist. */
 int32_t kv_del(kv_client *client, const char *key, size_t key_len);
 
-/* The key's remaining time-to-live in whole seconds (rounded), 0 for a key
- * that never expires. KV_NOTFOUND and 0 for an absent key. */
+/* The key's remaining time-to-live in whole seconds, rounded up, so that a
+ * key that will expire reads at least 1 until it is gone; 0 for a key that
+ * never expires. KV_NOTFOUND and 0 for an absent key. */
 int32_t kv_get_ttl(kv_client *client, const char *key, size_t key_len, int32_t *ttl);
 
 /* Adds a member to a plain (unsorted) set. KV_ALREADY_EXISTS when the member
