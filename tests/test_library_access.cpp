@@ -11,11 +11,13 @@ namespace {
 
 // The documented minimal ACL of a kelvane user: the commands the client sends itself (FCALL, FUNCTION LIST, DEL,
 // PTTL; HELLO and AUTH need no right), every command the server functions call, and kelvane's keys alone.
-const Strings kMinimalAcl = {"~kv{*",     "+fcall",       "+function|list", "+del",    "+pttl",   "+type",
-                             "+exists",   "+expire",      "+pexpireat",     "+pexpiretime", "+persist", "+sadd",
-                             "+zadd",     "+zincrby",     "+zscore",        "+zrank",  "+zrevrank", "+zcard",
-                             "+zcount",   "+zrange",      "+zrem",          "+hset",   "+hget",   "+hmget",
-                             "+hdel"};
+const Strings kMinimalAcl = {
+    "~kv{*",
+    "+fcall", "+function|list", "+del", "+pttl",
+    "+type", "+exists", "+expire", "+pexpireat", "+pexpiretime", "+persist",
+    "+sadd", "+zadd", "+zincrby", "+zscore", "+zrank", "+zrevrank", "+zcard", "+zcount", "+zrange", "+zrem",
+    "+hset", "+hget", "+hmget", "+hdel",
+};
 constexpr const char* kPassword = "pw-8d1f";
 
 // Makes user on server with exactly rights.
@@ -27,7 +29,8 @@ void make_user(const RedisServer& server, const std::string& user, const Strings
 
 bool holds_kelvane_library(const RedisServer& server) {
     const auto libs = function_libraries(server.port());
-    return std::any_of(libs.begin(), libs.end(), [](const FunctionLibrary& l) { return l.name.rfind("kelvane_", 0) == 0; });
+    return std::any_of(libs.begin(), libs.end(),
+                       [](const FunctionLibrary& l) { return l.name.rfind("kelvane_", 0) == 0; });
 }
 
 class Access : public LibraryTest {
@@ -76,12 +79,16 @@ protected:
         EXPECT_EQ(n, 8u);
         EXPECT_EQ(kv_zcount(c, "acl", 3, 1, 2, &n), KV_SUCCESS);
         EXPECT_EQ(n, 2u);
-        Range all = read([&](RangeOut& o) { return kv_zrange(c, "acl", 3, 0, -1, &o.m, &o.n, &o.ml, kAll, &o.s, &o.v, &o.vl); });
+        Range all = read([&](RangeOut& o) {
+            return kv_zrange(c, "acl", 3, 0, -1, &o.m, &o.n, &o.ml, kAll, &o.s, &o.v, &o.vl);
+        });
         EXPECT_EQ(all.members, (Strings{"a", "b", "c", "d", "e", "f", "g", "8"}));
-        EXPECT_EQ(all.values, (Values{std::nullopt, "vb", std::nullopt, std::nullopt, "ve", "vf", "vg", std::nullopt}));
+        const auto none = std::nullopt;
+        EXPECT_EQ(all.values, (Values{none, "vb", none, none, "ve", "vf", "vg", none}));
         Range top = read([&](RangeOut& o) {
             o.s = nullptr, o.v = nullptr, o.vl = nullptr;
-            return kv_zrangebyscore(c, "acl", 3, -kInf, kInf, &o.m, &o.n, &o.ml, ZSET_REVERSE | ZSET_WITH_LIMIT, 0, 2);
+            return kv_zrangebyscore(c, "acl", 3, -kInf, kInf, &o.m, &o.n, &o.ml, ZSET_REVERSE | ZSET_WITH_LIMIT, 0,
+                                    2);
         });
         EXPECT_EQ(top.members, (Strings{"8", "g"}));
         Range first = read([&](RangeOut& o) {
@@ -162,7 +169,9 @@ TEST_F(Access, UserWhoMayNotCallFunctionsIsNotPermittedAndNothingRuns) {
     else EXPECT_TRUE(score == 0 && value == nullptr && len == 0);
     EXPECT_EQ(kv_zcard(c, "k", 1, &n), KV_NOT_PERMITTED);
     EXPECT_EQ(n, 0u);
-    const Range r = read([&](RangeOut& o) { return kv_zrange(c, "k", 1, 0, -1, &o.m, &o.n, &o.ml, kAll, &o.s, &o.v, &o.vl); });
+    const Range r = read([&](RangeOut& o) {
+        return kv_zrange(c, "k", 1, 0, -1, &o.m, &o.n, &o.ml, kAll, &o.s, &o.v, &o.vl);
+    });
     EXPECT_EQ(r.status, KV_NOT_PERMITTED);
     EXPECT_EQ(kv_zrem(c, "k", 1, "m", 1), KV_NOT_PERMITTED);
     EXPECT_EQ(kv_zremrangebyrank(c, "k", 1, 0, -1, &n), KV_NOT_PERMITTED);

@@ -89,10 +89,12 @@ protected:
     void writes_are_refused(kv_client* c) {
         const std::string before = snapshot();
         std::string got, want;
+        const std::string full = std::to_string(KV_SERVER_FULL);
         for (const auto& [name, write] : kWrites) {
             const char* existing = std::string(name) == "sadd" ? "plain" : "small";
-            got += std::string(name) + " " + std::to_string(write(c, existing)) + "/" + std::to_string(write(c, "fresh")) + " ";
-            want += std::string(name) + " " + std::to_string(KV_SERVER_FULL) + "/" + std::to_string(KV_SERVER_FULL) + " ";
+            const int32_t on_existing = write(c, existing), on_new = write(c, "fresh");
+            got += std::string(name) + " " + std::to_string(on_existing) + "/" + std::to_string(on_new) + " ";
+            want += std::string(name) + " " + full + "/" + full + " ";
         }
         EXPECT_EQ(got, want) << "statuses on an existing / a new key";
         EXPECT_EQ(snapshot(), before) << "a refused write changed the data";

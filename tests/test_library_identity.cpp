@@ -46,7 +46,9 @@ protected:
         else EXPECT_TRUE(score == 0 && value == nullptr && len == 0);
         EXPECT_EQ(kv_zcard(c, "k", 1, &n), KV_LIBRARY_MISMATCH);
         EXPECT_EQ(n, 0u);
-        const Range r = read([&](RangeOut& o) { return kv_zrange(c, "k", 1, 0, -1, &o.m, &o.n, &o.ml, kAll, &o.s, &o.v, &o.vl); });
+        const Range r = read([&](RangeOut& o) {
+            return kv_zrange(c, "k", 1, 0, -1, &o.m, &o.n, &o.ml, kAll, &o.s, &o.v, &o.vl);
+        });
         EXPECT_EQ(r.status, KV_LIBRARY_MISMATCH);
         EXPECT_EQ(kv_zrem(c, "k", 1, "m", 1), KV_LIBRARY_MISMATCH);
     }
@@ -107,7 +109,9 @@ TEST_F(LibraryIdentity, ForeignHolderOfOurFunctionNameIsRefusedOtherVersionsCoex
         uint32_t n = 0;
         EXPECT_EQ(kv_zcard(c, "k", 1, &n), KV_SUCCESS);
         EXPECT_EQ(n, 1u);
-        const Range r = read([&](RangeOut& o) { return kv_zrange(c, "k", 1, 0, -1, &o.m, &o.n, &o.ml, kAll, &o.s, &o.v, &o.vl); });
+        const Range r = read([&](RangeOut& o) {
+            return kv_zrange(c, "k", 1, 0, -1, &o.m, &o.n, &o.ml, kAll, &o.s, &o.v, &o.vl);
+        });
         EXPECT_EQ(r.values, Values{"v"});
         EXPECT_EQ(kv_zrem(c, "k", 1, "m", 1), KV_SUCCESS);
         kv_client_destroy(c);
