@@ -58,6 +58,7 @@ protected:
 TEST_F(Deadline, TrickledRepliesEndEachCallInTime) {
     SlowRelay relay(server_->port());
     int32_t added = -1;
+    // The fixture's helpers read through client_: from here on it talks to the server through the relay.
     kv_client_destroy(client_);
     client_ = client_through(relay, &added);
     ASSERT_EQ(added, KV_SUCCESS);
