@@ -61,6 +61,18 @@ protected:
 
     std::string redis(const std::vector<std::string>& argv) const { return server_->command(argv); }
 
+    // A server key as the server holds it, as readable text: type, whole contents and absolute expiry (which,
+    // unlike the time left, stays put), so that a test can show that a call changed nothing.
+    std::string server_view(const std::string& key) const {
+        const std::string type = redis({"TYPE", key});
+        std::string contents;
+        if (type == "zset") contents = redis({"ZRANGE", key, "0", "-1", "WITHSCORES"});
+        if (type == "hash") contents = redis({"HGETALL", key});
+        if (type == "set") contents = redis({"SMEMBERS", key});
+        if (type == "string") contents = redis({"GET", key});
+        return key + ": " + type + " [" + contents + "] expires " + redis({"PEXPIRETIME", key});
+    }
+
     int32_t zadd(const std::string& key, double score, const std::string& member, int32_t ttl = 0) {
         return kv_zadd(client_, key.data(), key.size(), score, member.data(), member.size(), ttl);
     }
