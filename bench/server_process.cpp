@@ -1,9 +1,9 @@
 // server_process.cpp -- starting a redis-server on one CPU, and pinning.
 //
-// posix_spawn has no affinity attribute, but a spawned process inherits its
-// parent's CPU mask; so the parent confines itself to the server's CPU for
-// the length of the spawn and then takes its own mask back. The server's
-// background threads inherit the mask from its main thread.
+// The child sets its CPU mask before it executes redis-server, so the server
+// and the background threads it starts never run anywhere else, and it asks
+// to be killed when its parent dies, so a benchmark that is interrupted
+// leaves no server behind.
 #include "server_process.h"
 
 #include <arpa/inet.h>
@@ -11,7 +11,7 @@
 #include <netinet/in.h>
 #include <sched.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,8 +21,6 @@
 #include <stdexcept>
 #include <thread>
 #include <vector>
-
-extern char** environ;
 
 namespace kelvane_bench {
 namespace {
@@ -126,20 +124,35 @@ bool ServerProcess::try_start(int cpu) {
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
 
-    cpu_set_t own;
-    if (sched_getaffinity(0, sizeof own, &own) != 0) return false;
-    if (!pin_to_cpu(cpu)) throw std::runtime_error("cannot run on CPU " + std::to_string(cpu));
-    pid_t pid = -1;
-    const int spawned = posix_spawnp(&pid, "redis-server", nullptr, nullptr, argv.data(), environ);
-    sched_setaffinity(0, sizeof own, &own);
-    if (spawned != 0) throw std::runtime_error("cannot start redis-server (is it installed?)");
+    const pid_t parent = getpid();
+    const pid_t pid = fork();
+    if (pid < 0) throw std::runtime_error("cannot fork for redis-server");
+    if (pid == 0) {
+        // Only async-signal-safe calls between fork and exec. The server
+        // goes when this process goes, however it ends.
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        CPU_SET(cpu, &set);
+        if (sched_setaffinity(0, sizeof set, &set) != 0) _exit(126);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) _exit(126);
+        execvp("redis-server", argv.data());
+        _exit(127);
+    }
     pid_ = pid;
 
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (!answers_ping(port_)) {
-        if (waitpid(pid_, nullptr, WNOHANG) == pid_) {  // port taken in the meantime
+        int status = 0;
+        if (waitpid(pid_, &status, WNOHANG) == pid_) {
             pid_ = -1;
-            return false;
+            if (WIFEXITED(status) && WEXITSTATUS(status) == 127) {
+                throw std::runtime_error("cannot run redis-server (is it installed?)");
+            }
+            if (WIFEXITED(status) && WEXITSTATUS(status) == 126) {
+                throw std::runtime_error("cannot run redis-server on CPU " + std::to_string(cpu));
+            }
+            return false;  // most likely the port was taken in the meantime
         }
         if (std::chrono::steady_clock::now() > deadline) {
             stop();
