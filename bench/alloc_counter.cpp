@@ -27,6 +27,21 @@ namespace {
 
 thread_local kelvane_bench::AllocTotals totals{0, 0, 0, 0};
 
+}  // namespace
+
+namespace kelvane_bench {
+
+AllocTotals alloc_totals() { return totals; }
+
+void reset_peak() { totals.peak_bytes = totals.live_bytes; }
+
+}  // namespace kelvane_bench
+
+// A sanitizer build brings its own allocator, which must stay the only one:
+// there the counters stay at zero and the report leaves the columns empty.
+#ifndef KELVANE_BENCH_NO_ALLOC_COUNTER
+namespace {
+
 void note_allocated(void* ptr) {
     ++totals.allocations;
     if (ptr == nullptr) return;
@@ -41,14 +56,6 @@ void note_freed(void* ptr) {
 }
 
 }  // namespace
-
-namespace kelvane_bench {
-
-AllocTotals alloc_totals() { return totals; }
-
-void reset_peak() { totals.peak_bytes = totals.live_bytes; }
-
-}  // namespace kelvane_bench
 
 extern "C" {
 
@@ -116,3 +123,4 @@ void* pvalloc(size_t size) {
 }
 
 }  // extern "C"
+#endif  // KELVANE_BENCH_NO_ALLOC_COUNTER

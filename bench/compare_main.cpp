@@ -46,14 +46,18 @@ struct ClientDeleter {
 // Shows that the allocation counter sees both libraries: hiredis allocates
 // a context even for a connection that fails, and libkelvane allocates its
 // memory manager and client.
+// Live bytes that come back to where they started show that every free
+// went through the same counter as its allocation.
 struct AllocProbe {
     std::uint64_t hiredis = 0;
     std::uint64_t libkelvane = 0;
+    bool balanced = false;
 };
 
 AllocProbe probe_allocations() {
     AllocProbe probe;
-    const auto start = alloc_totals().allocations;
+    const AllocTotals before = alloc_totals();
+    const auto start = before.allocations;
     redisContext* c = redisConnectUnix("/nonexistent/kelvane-compare-probe");
     if (c) redisFree(c);
     const auto after_hiredis = alloc_totals().allocations;
@@ -63,6 +67,7 @@ AllocProbe probe_allocations() {
     kv_mm_destroy(mm);
     probe.hiredis = after_hiredis - start;
     probe.libkelvane = alloc_totals().allocations - after_hiredis;
+    probe.balanced = alloc_totals().live_bytes == before.live_bytes;
     return probe;
 }
 
@@ -155,7 +160,7 @@ int main(int argc, char** argv) {
     ReportOptions report;
     report.markdown = options.markdown;
     report.syscalls_counted = syscalls.available();
-    report.allocations_counted = probe.hiredis > 0 && probe.libkelvane > 0;
+    report.allocations_counted = probe.hiredis > 0 && probe.libkelvane > 0 && probe.balanced;
 
     const int cpu_a = nth_allowed_cpu(0);
     const int cpu_b = nth_allowed_cpu(1);
@@ -189,8 +194,9 @@ int main(int argc, char** argv) {
                (report.allocations_counted
                     ? "counted in-process; the counter saw " + std::to_string(probe.hiredis) +
                           " in a hiredis connect and " + std::to_string(probe.libkelvane) +
-                          " in libkelvane's kv_mm_create + kv_client_create"
-                    : std::string("NOT counted: the counter missed hiredis or libkelvane")) +
+                          " in libkelvane's kv_mm_create + kv_client_create, all freed again"
+                    : std::string("NOT counted: the counter missed hiredis's or libkelvane's"
+                                  " allocations or frees")) +
                line_end;
     details += "system calls: " +
                (report.syscalls_counted

@@ -25,15 +25,22 @@ if [[ ${1:-} == --strace ]]; then
   shift
 fi
 
-needed=(cmake redis-server pkg-config)
+# Whatever is missing comes from the project's set-up, which also builds.
+needed=(g++ cmake redis-server pkg-config)
 ((strace_check)) && needed+=(strace)
+missing=0
 for tool in "${needed[@]}"; do
-  if ! command -v "$tool" >/dev/null; then
-    scripts/setup.sh "$build_dir"
-    break
-  fi
+  command -v "$tool" >/dev/null || missing=1
 done
-cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo >&2
+((missing)) || pkg-config --exists hiredis || missing=1
+if ((missing)); then
+  scripts/setup.sh "$build_dir"
+fi
+# An existing build directory keeps its own settings; a new one gets the
+# project's defaults.
+if [[ ! -f $build_dir/CMakeCache.txt ]]; then
+  cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo >&2
+fi
 cmake --build "$build_dir" -j2 --target kelvane_compare >&2
 bin="$build_dir/bench/kelvane_compare"
 

@@ -8,6 +8,7 @@
 // values of what it removes, and with values present the two would neither
 // do the same work nor end in the same state.
 #include <memory>
+#include <string>
 
 #include "data_set.h"
 #include "workload.h"
@@ -21,7 +22,10 @@ constexpr std::uint64_t kRemoved = 100;
 
 class Zremrangebyscore : public Workload {
 public:
-    Zremrangebyscore() : Workload("kv_zremrangebyscore 100", "zremrange", 0.9) {
+    Zremrangebyscore()
+        : Workload("kv_zremrangebyscore 100", "zremrange", 0.9),
+          low_text_(std::to_string(kFirst)),
+          high_text_(std::to_string(kFirst + kRemoved - 1)) {
         for (std::uint64_t i = 0; i < kMembers; ++i) {
             const bool refilled = i >= kFirst && i < kFirst + kRemoved;
             full_.members.push_back(member_name(i));
@@ -57,8 +61,9 @@ public:
             if (st != KV_SUCCESS) return "kv_zremrangebyscore: " + status_text(st);
             removed = n;
         } else {
-            const char* argv[] = {"ZREMRANGEBYSCORE", keys().raw_main.data(), "100", "199"};
-            const size_t lens[] = {16, keys().raw_main.size(), 3, 3};
+            const char* argv[] = {"ZREMRANGEBYSCORE", keys().raw_main.data(), low_text_.data(),
+                                  high_text_.data()};
+            const size_t lens[] = {16, keys().raw_main.size(), low_text_.size(), high_text_.size()};
             sides.raw.append(4, argv, lens);
             Reply reply = sides.raw.next_reply();
             std::string failure = reply_failure(reply.get(), "ZREMRANGEBYSCORE");
@@ -77,6 +82,7 @@ public:
 private:
     static constexpr double kLow = kFirst;
     static constexpr double kHigh = kFirst + kRemoved - 1;
+    std::string low_text_, high_text_;
     DataSet full_;
     DataSet refill_;
 };
