@@ -10,7 +10,7 @@ build_dir=${1:-build}
 shift || true
 
 packages=(g++ cmake make pkg-config redis-server libhiredis-dev libgtest-dev
-          libbenchmark-dev valgrind)
+          libbenchmark-dev valgrind strace iproute2)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -1,0 +1,90 @@
+#!/usr/bin/env bash
+# run-compare.sh -- builds kelvane_compare and runs it, in a network
+# namespace of its own when the system allows one (its redis-server then
+# never meets anything else on loopback; it picks a free port either way).
+#
+#   bench/run-compare.sh [kelvane_compare options]          the comparison
+#   bench/run-compare.sh --strace [kelvane_compare options] the system-call cross-check
+#
+# The cross-check runs a short pass with client and server on one CPU, a
+# fixed number of calls per side, under strace (client process only: the
+# server it spawns is not traced), with a marker system call before and
+# after every measured call. It prints the program's own table (its
+# perf-counted "sys" columns) and then what strace saw between the markers,
+# per operation and side; the two should agree.
+#
+# KELVANE_BUILD_DIR picks the build directory (default build/). Build
+# messages go to standard error.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build_dir=${KELVANE_BUILD_DIR:-build}
+
+strace_check=0
+if [[ ${1:-} == --strace ]]; then
+  strace_check=1
+  shift
+fi
+
+# Whatever is missing comes from the project's set-up, which also builds.
+needed=(g++ cmake redis-server pkg-config)
+((strace_check)) && needed+=(strace)
+missing=0
+for tool in "${needed[@]}"; do
+  command -v "$tool" >/dev/null || missing=1
+done
+((missing)) || pkg-config --exists hiredis || missing=1
+if ((missing)); then
+  scripts/setup.sh "$build_dir"
+fi
+# An existing build directory keeps its own settings; a new one gets the
+# project's defaults.
+if [[ ! -f $build_dir/CMakeCache.txt ]]; then
+  cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo >&2
+fi
+cmake --build "$build_dir" -j2 --target kelvane_compare >&2
+bin="$build_dir/bench/kelvane_compare"
+
+# Runs a command inside a private network namespace with loopback up, or
+# as it is when unshare is not permitted here.
+isolated() {
+  if unshare -n true 2>/dev/null && command -v ip >/dev/null; then
+    unshare -n bash -c 'ip link set lo up && exec "$@"' isolated "$@"
+  else
+    "$@"
+  fi
+}
+
+if ((!strace_check)); then
+  isolated "$bin" "$@"
+  exit
+fi
+
+trace=$(mktemp /tmp/kelvane-compare-strace.XXXXXX)
+trap 'rm -f "$trace"' EXIT
+status=0
+isolated strace -o "$trace" -s 256 "$bin" --placement one --rounds 1 --fixed-calls 5 --markers "$@" ||
+  status=$?
+echo
+echo "strace: system calls per call between the markers (client process)"
+awk '
+  /^write\(-1, "kvmark B / {
+    label = $0
+    sub(/^write\(-1, "kvmark B /, "", label)
+    sub(/".*/, "", label)
+    inside = 1
+    calls[label]++
+    next
+  }
+  /^write\(-1, "kvmark E / { inside = 0; next }
+  inside { seen[label]++ }
+  END {
+    for (label in calls) {
+      n = split(label, part, "/")
+      op = part[2]
+      per_call[op, part[3]] = sprintf("%.1f", seen[label] / calls[label])
+      ops[op] = 1
+    }
+    printf "%-26s %8s %8s\n", "operation", "sys lib", "sys raw"
+    for (op in ops) printf "%-26s %8s %8s\n", op, per_call[op, "lib"], per_call[op, "raw"]
+  }' "$trace" | { IFS= read -r header; echo "$header"; sort; }
+exit "$status"
