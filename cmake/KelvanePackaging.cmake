@@ -20,8 +20,11 @@ set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libkelvane${KELVANE_SOVERSION})
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SHLIBDEPS ON)
-# A shlibs file, and dpkg's ldconfig trigger on install and removal.
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_GENERATE_SHLIBS ON)
+# A shlibs file for the library package, so that packages built against it get their dependency from
+# dpkg-shlibdeps; CPack adds the ldconfig calls on install and removal.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+# Programs built against 1.0 run with any later 1.x.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libkelvane-dev)
