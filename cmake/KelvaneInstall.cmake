@@ -43,6 +43,7 @@ install(FILES ${PROJECT_BINARY_DIR}/kelvaneConfig.cmake ${PROJECT_BINARY_DIR}/ke
 
 # kelvane.pc finds the prefix from where it lies: <prefix>/<libdir>/pkgconfig.
 file(RELATIVE_PATH KELVANE_PC_TO_PREFIX "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
+string(REGEX REPLACE "/$" "" KELVANE_PC_TO_PREFIX "${KELVANE_PC_TO_PREFIX}")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/kelvane.pc.in ${PROJECT_BINARY_DIR}/kelvane.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kelvane.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)

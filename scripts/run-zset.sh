@@ -77,7 +77,10 @@ fi
 cd "$(dirname "$0")/.." || exit 2
 source scripts/private-servers.sh
 build_dir=${build_dir:-$PWD/build}
-[ -z "$junit" ] || rm -f "$junit"  # never leave an earlier run's report behind
+if [ -n "$junit" ]; then
+  [ -d "$(dirname "$junit")" ] && [ -w "$(dirname "$junit")" ] || fail_setup "cannot write a report into $(dirname "$junit")"
+  rm -f "$junit"  # never leave an earlier run's report behind
+fi
 
 ports=(12345)
 ((cluster)) && ports=(12345 12346 12347 12348 12349 12350)

@@ -128,6 +128,7 @@ TEST(RunScript, WhatCannotBeSetUpExits2WithoutRunningZset) {
         {"--timeout", "soon"},
         {"--no-such-option"},
         {"--existing-server", "--cluster"},
+        {"--junit", "no/such/dir/report.xml"},
     };
     for (const auto& args : bad) {
         const ScriptRun r = run_script(args);
