@@ -25,7 +25,7 @@ void append(std::vector<std::string>& to, const std::vector<std::string>& from) 
 
 class Assessor {
 public:
-    Assessor(const Transcript& t) : t_(t), expected_(zset_cases()) { a_.cases = static_cast<int>(expected_.size()); }
+    explicit Assessor(const Transcript& t) : t_(t), expected_(zset_cases()) { a_.cases = static_cast<int>(expected_.size()); }
 
     Assessment run(int zset_status) {
         const size_t seen = t_.cases.size();
@@ -53,8 +53,9 @@ private:
     // Lines that stood before case k. Failure lines become an entry of their own in the suite of the case they
     // preceded; other output goes with that case's entry (or the last entry, after the last case).
     void add_outside(size_t k) {
-        for (const OutsideLines& group : t_.outside) {
-            if (group.next_case != k) continue;
+        // The groups stand in transcript order, so their next_case never decreases.
+        for (; next_group_ < t_.outside.size() && t_.outside[next_group_].next_case == k; ++next_group_) {
+            const OutsideLines& group = t_.outside[next_group_];
             if (!group.failures.empty()) {
                 Entry e;
                 e.suite = k < expected_.size() ? suite_of(k) : suite_after_last();
@@ -160,6 +161,7 @@ private:
     const Transcript& t_;
     const std::vector<ExpectedCase>& expected_;
     Assessment a_;
+    size_t next_group_ = 0;                                  // the first group of t_.outside not yet placed
     std::vector<std::vector<std::string>> pending_output_;  // outside output waiting for the next case's entry
     std::vector<std::string> problems_;
 };
