@@ -34,7 +34,7 @@ for tool in "${needed[@]}"; do
 done
 ((missing)) || pkg-config --exists hiredis || missing=1
 if ((missing)); then
-  scripts/setup.sh "$build_dir"
+  scripts/setup.sh --tests "$build_dir"
 fi
 # An existing build directory keeps its own settings; a new one gets the
 # project's defaults.

@@ -1,42 +1,172 @@
 #!/usr/bin/env bash
-# run-zset.sh -- sets up and builds, then runs zset against a fresh private
-# Redis on 127.0.0.1:12345 (temporary directory, no persistence), so the
-# time-to-live cases always meet new keys. zset's output is passed through
-# untouched; everything else goes to standard error.
-set -euo pipefail
-cd "$(dirname "$0")/.."
+# run-zset.sh -- builds the library, zset and zset-report, gives zset a server on 127.0.0.1:12345 (a fresh private
+# Redis by default), runs zset with its transcript passed through untouched on standard output, and judges the
+# transcript with zset-report. Everything else goes to standard error. See usage() for options and exit statuses.
+set -uo pipefail
 
-port=12345
-port_taken() { (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; }
+usage() {
+  cat <<'USAGE'
+usage: scripts/run-zset.sh [OPTIONS]
 
-if port_taken; then
-  echo "run-zset: something already listens on 127.0.0.1:$port; stop it and run again." >&2
-  exit 1
-fi
+Builds libkelvane.so.1, zset and zset-report, starts a private Redis on
+127.0.0.1:12345 (temporary directory, no persistence), runs zset against it and
+stops it again. zset's transcript goes to standard output untouched; set-up
+messages and the list of failed cases go to standard error.
 
-scripts/setup.sh build
+  --library DIR        run zset against DIR/libkelvane.so.1 instead of the library
+                       built here (any library with that soname and interface)
+  --server-bin PATH    the server program to start (default: redis-server on PATH);
+                       needs Redis 7.0 or newer, or a server that speaks like it
+  --existing-server    start nothing: use whatever listens on 127.0.0.1:12345
+                       (its time-to-live cases need keys zset has not made before:
+                       give it an empty database)
+  --cluster            start a private Redis Cluster instead: 3 masters and 3
+                       replicas on 127.0.0.1:12345-12350 (bus ports 22345-22350)
+  --junit FILE         write a JUnit XML report, one testcase per zset case
+  --timeout SECONDS    stop zset if it runs longer (default 600)
+  --build-dir DIR      the build directory (default: build)
+  --no-build           build nothing and install nothing: use the zset and
+                       zset-report that the build directory already holds
+  -h, --help           show this text
 
-dir=$(mktemp -d)
-stop_server() {
-  if [ -f "$dir/redis.pid" ]; then
-    kill "$(cat "$dir/redis.pid")" 2>/dev/null || true
-    for _ in $(seq 50); do port_taken || break; sleep 0.1; done
-  fi
-  rm -rf "$dir"
+Exit status:
+  0  all 68 cases passed (and no check failed outside a case)
+  1  a case failed, or the run was incomplete: fewer than 68 verdicts, no
+     summary, zset crashed or ran past --timeout
+  2  could not set up: bad option, a port already taken, the build failed,
+     the server would not start
+USAGE
 }
-trap stop_server EXIT
 
-if port_taken; then
-  echo "run-zset: something started listening on 127.0.0.1:$port during the build; stop it and run again." >&2
-  exit 1
-fi
-redis-server --port "$port" --bind 127.0.0.1 --save '' --appendonly no --dir "$dir" \
-  --daemonize yes --pidfile "$dir/redis.pid" --logfile "$dir/redis.log" >&2
-for _ in $(seq 100); do port_taken && break; sleep 0.05; done
-if ! port_taken; then
-  echo "run-zset: the private Redis did not start; see its log:" >&2
-  cat "$dir/redis.log" >&2
-  exit 1
+fail_setup() {
+  echo "run-zset: $*" >&2
+  exit 2
+}
+
+# Paths on the command line are the caller's, relative to where they ran us.
+caller_dir=$PWD
+absolute() { case $1 in /*) printf '%s\n' "$1" ;; *) printf '%s\n' "$caller_dir/$1" ;; esac; }
+
+library="" server_bin="" existing=0 cluster=0 junit="" timeout_s=600 build_dir="" build=1
+while (($#)); do
+  case $1 in
+    -h | --help) usage; exit 0 ;;
+    --library | --server-bin | --junit | --timeout | --build-dir)
+      (($# >= 2)) || fail_setup "$1 needs a value (see --help)"
+      case $1 in
+        --library) library=$(absolute "$2") ;;
+        --server-bin) server_bin=$2 ;;
+        --junit) junit=$(absolute "$2") ;;
+        --timeout) timeout_s=$2 ;;
+        --build-dir) build_dir=$(absolute "$2") ;;
+      esac
+      shift ;;
+    --existing-server) existing=1 ;;
+    --cluster) cluster=1 ;;
+    --no-build) build=0 ;;
+    *) fail_setup "unknown option $1 (see --help)" ;;
+  esac
+  shift
+done
+[[ $timeout_s =~ ^[1-9][0-9]*$ ]] || fail_setup "--timeout takes a whole number of seconds"
+((existing && (cluster || ${#server_bin}))) && fail_setup "--existing-server starts nothing: drop --cluster and --server-bin"
+if [ -n "$server_bin" ]; then
+  case $server_bin in */*) server_bin=$(absolute "$server_bin") ;; esac
 fi
 
-build/src/zset
+cd "$(dirname "$0")/.." || exit 2
+source scripts/private-servers.sh
+build_dir=${build_dir:-$PWD/build}
+if [ -n "$junit" ]; then
+  [ -d "$(dirname "$junit")" ] && [ -w "$(dirname "$junit")" ] || fail_setup "cannot write a report into $(dirname "$junit")"
+  rm -f "$junit"  # never leave an earlier run's report behind
+fi
+
+ports=(12345)
+((cluster)) && ports=(12345 12346 12347 12348 12349 12350)
+ports_free() {
+  local port
+  for port in "${ports[@]}"; do
+    port_taken "$port" && fail_setup "something already listens on 127.0.0.1:$port; stop it and run again"
+    ((cluster)) && port_taken $((port + 10000)) &&
+      fail_setup "something already listens on 127.0.0.1:$((port + 10000)), a cluster bus port; stop it and run again"
+  done
+}
+((existing)) || ports_free
+
+# ---- build -------------------------------------------------------------------------------------------------
+if ((build)); then
+  setup_options=()
+  if ((!existing)) && [ -z "$server_bin" ]; then
+    setup_options+=(--server)
+  elif ((cluster)); then
+    setup_options+=(--cli)
+  fi
+  scripts/setup.sh ${setup_options[@]+"${setup_options[@]}"} "$build_dir" -DKELVANE_TESTS=OFF -DKELVANE_BENCH=OFF ||
+    fail_setup "the build failed"
+fi
+zset=$build_dir/src/zset
+report=$build_dir/report/zset-report
+[ -x "$zset" ] || fail_setup "no zset in $build_dir (build first, or leave out --no-build)"
+[ -x "$report" ] || fail_setup "no zset-report in $build_dir (build first, or leave out --no-build)"
+
+# ---- the library zset runs against --------------------------------------------------------------------------
+# zset's search path is a DT_RUNPATH, which LD_LIBRARY_PATH overrides; the loader's own answer confirms it.
+zset_env=()
+if [ -n "$library" ]; then
+  [ -f "$library/libkelvane.so.1" ] || fail_setup "there is no libkelvane.so.1 in $library"
+  zset_env=("LD_LIBRARY_PATH=$library${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}")
+fi
+loaded=$(env ${zset_env[@]+"${zset_env[@]}"} ldd "$zset" 2>/dev/null | awk '$1 == "libkelvane.so.1" { print $3 }')
+[ -n "$loaded" ] && [ -e "$loaded" ] || fail_setup "zset finds no libkelvane.so.1 to load"
+if [ -n "$library" ] && [ "$(realpath "$loaded")" != "$(realpath "$library/libkelvane.so.1")" ]; then
+  fail_setup "zset would load $loaded, not the library in $library"
+fi
+echo "run-zset: zset runs against $loaded" >&2
+
+# ---- the server ----------------------------------------------------------------------------------------------
+work=$(mktemp -d) || fail_setup "cannot make a temporary directory"
+cleanup() {
+  stop_servers
+  rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+if ((existing)); then
+  port_taken 12345 || fail_setup "--existing-server: nothing listens on 127.0.0.1:12345"
+  echo "run-zset: using the server that listens on 127.0.0.1:12345" >&2
+else
+  server_bin=${server_bin:-$(command -v redis-server)} || fail_setup "no redis-server on PATH (or give --server-bin)"
+  [ -x "$server_bin" ] || fail_setup "cannot run the server program $server_bin"
+  major=$(server_major_version "$server_bin")
+  if [ -n "$major" ] && ((major < 7)); then
+    fail_setup "$server_bin is version $major; the library needs Redis 7.0 or newer (server functions)"
+  fi
+  ports_free  # once more: the build may have taken a while
+  if ((cluster)); then
+    cli=$(dirname "$server_bin")/redis-cli
+    [ -x "$cli" ] || cli=$(command -v redis-cli) || fail_setup "no redis-cli to form the cluster with"
+    echo "run-zset: starting a Redis Cluster on 127.0.0.1:12345-12350 ($server_bin)" >&2
+    start_cluster "$server_bin" "$cli" "$work" "${ports[@]}" || fail_setup "the cluster would not start"
+  else
+    echo "run-zset: starting $server_bin on 127.0.0.1:12345" >&2
+    start_server "$server_bin" "$work/server" 12345 || fail_setup "the server would not start"
+  fi
+fi
+
+# ---- the run -------------------------------------------------------------------------------------------------
+# The transcript goes to standard output as zset writes it, and to a file for zset-report. tee keeps writing the
+# file even if the reader of standard output goes away.
+env ${zset_env[@]+"${zset_env[@]}"} timeout --foreground --kill-after=10 "$timeout_s" "$zset" |
+  tee --output-error=warn-nopipe "$work/transcript"
+zset_status=${PIPESTATUS[0]}
+((zset_status == 124)) && echo "run-zset: zset ran longer than $timeout_s s and was stopped" >&2
+
+report_options=(--zset-status "$zset_status")
+[ -z "$junit" ] || report_options+=(--junit "$junit")
+"$report" "${report_options[@]}" "$work/transcript" >&2
+verdict=$?
+((verdict <= 1)) || fail_setup "zset-report could not judge the run"
+exit "$verdict"

@@ -1,27 +1,48 @@
 #!/usr/bin/env bash
-# setup.sh -- installs whatever the build and the tests need and is missing
-# (Debian packages), then builds into build/ (or the directory given as $1,
-# with any further arguments passed to CMake). Progress goes to standard
-# error, so that a caller's standard output stays its own.
+# setup.sh -- installs the Debian packages a build needs and lacks, then configures and builds.
+#
+#   scripts/setup.sh [--tests] [--server] [--cli] BUILD_DIR [CMAKE_ARGUMENTS...]
+#
+# Always: what builds the library, zset and zset-report (compiler, CMake, pkg-config, hiredis).
+#   --server  also redis-server (and redis-cli), for runs against Debian's Redis
+#   --cli     also redis-cli alone, for a cluster of another server program
+#   --tests   also what the tests and benchmarks need (GoogleTest, Google Benchmark, valgrind, libxml2, dpkg-dev,
+#             file, redis-server)
+# On a machine without apt (another distribution, a prepared CI image) nothing is installed and the build uses
+# what is there. Progress goes to standard error, so that a caller's standard output stays its own.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-build_dir=${1:-build}
-shift || true
-
-packages=(g++ cmake make pkg-config redis-server libhiredis-dev libgtest-dev
-          libbenchmark-dev valgrind strace iproute2)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+packages=(g++ cmake make pkg-config libhiredis-dev)
+while (($#)); do
+  case $1 in
+    --tests) packages+=(redis-server redis-tools libgtest-dev libbenchmark-dev valgrind libxml2-dev dpkg-dev file
+                      strace iproute2) ;;
+    --server) packages+=(redis-server redis-tools) ;;
+    --cli) packages+=(redis-tools) ;;
+    -*) echo "setup: unknown option $1" >&2; exit 2 ;;
+    *) break ;;
+  esac
+  shift
 done
-if ((${#missing[@]})); then
-  echo "setup: installing ${missing[*]}" >&2
-  sudo=""
-  [ "$(id -u)" -eq 0 ] || sudo="sudo"
-  export DEBIAN_FRONTEND=noninteractive
-  $sudo apt-get update -qq >&2
-  $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
+build_dir=${1:?"usage: scripts/setup.sh [--tests] [--server] [--cli] BUILD_DIR [CMAKE_ARGUMENTS...]"}
+shift
+
+if command -v dpkg-query >/dev/null && command -v apt-get >/dev/null; then
+  missing=()
+  for p in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+  done
+  if ((${#missing[@]})); then
+    echo "setup: installing ${missing[*]}" >&2
+    sudo=""
+    [ "$(id -u)" -eq 0 ] || sudo="sudo"
+    export DEBIAN_FRONTEND=noninteractive
+    $sudo apt-get update -qq >&2
+    $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
+  fi
+else
+  echo "setup: no apt here; building with what is installed (needs: ${packages[*]})" >&2
 fi
 
 echo "setup: building in $build_dir" >&2

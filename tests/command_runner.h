@@ -1,0 +1,52 @@
+// command_runner.h -- runs any program as a user would from a shell: given standard input, captured standard
+// output and error, extra environment, a working directory and a deadline. For the tests of zset-report, of
+// the run script and of an installed tree.
+#ifndef KELVANE_TESTS_COMMAND_RUNNER_H
+#define KELVANE_TESTS_COMMAND_RUNNER_H
+
+#include <string>
+#include <vector>
+
+namespace kelvane_test {
+
+struct CommandResult {
+    std::string out;
+    std::string err;
+    int exit_code = -1;  // -1 when it did not exit normally
+    int signal = 0;
+    double seconds = 0;
+};
+
+struct CommandOptions {
+    std::string input;             // written to standard input, which is then closed
+    std::vector<std::string> env;  // extra "NAME=value" entries, overriding inherited ones
+    std::string dir;               // working directory; empty: the test's own
+    int timeout_s = 120;           // killed after this long
+};
+
+// argv[0] is looked up on PATH. Throws if the program cannot be started.
+CommandResult run_command(const std::vector<std::string>& argv, const CommandOptions& options = {});
+
+// Runs "/bin/sh -c script"; for short pipelines of standard tools in the install tests.
+CommandResult run_shell(const std::string& script, const CommandOptions& options = {});
+
+std::string read_file(const std::string& path);
+void write_file(const std::string& path, const std::string& bytes);
+
+// A directory under /tmp that lives as long as the object.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+}  // namespace kelvane_test
+
+#endif  // KELVANE_TESTS_COMMAND_RUNNER_H

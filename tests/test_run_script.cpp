@@ -1,0 +1,185 @@
+// test_run_script.cpp -- scripts/run-zset.sh as CI runs it, on this build (--no-build): zset's transcript on
+// standard output byte for byte, the failed cases on standard error, the JUnit report, and the exit status --
+// 0 for a clean run, 1 for a failed or incomplete one, 2 when it cannot set up -- with each of its options. The
+// test process has a network of its own, so the script's fixed ports are private to it.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "command_runner.h"
+#include "fault_injector.h"
+#include "junit_document.h"
+#include "redis_server.h"
+#include "zset_runner.h"
+
+namespace kelvane_test {
+namespace {
+
+#if !defined(KELVANE_SOURCE_DIR) || !defined(KELVANE_BUILD_DIR)
+#error "the build must define KELVANE_SOURCE_DIR and KELVANE_BUILD_DIR"
+#endif
+
+struct ScriptRun {
+    CommandResult run;
+    JunitDocument junit;
+};
+
+// run-zset.sh --no-build --build-dir <this build> <args>, from a temporary working directory; the report, if
+// asked for with --junit report.xml, is read back.
+ScriptRun run_script(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
+    TempDir cwd;
+    std::vector<std::string> argv = {std::string(KELVANE_SOURCE_DIR) + "/scripts/run-zset.sh", "--no-build",
+                                     "--build-dir", KELVANE_BUILD_DIR};
+    argv.insert(argv.end(), args.begin(), args.end());
+    CommandOptions options;
+    options.dir = cwd.path();
+    options.env = env;
+    options.timeout_s = 180;
+    ScriptRun r;
+    r.run = run_command(argv, options);
+    if (std::filesystem::exists(cwd / "report.xml")) r.junit = read_junit(read_file(cwd / "report.xml"));
+    else r.junit.parse_error = "no report";
+    return r;
+}
+
+bool complete(const std::string& out) {
+    const Transcript t = parse_transcript(out);
+    return t.well_formed && t.cases.size() == static_cast<size_t>(kCases) && !t.summary.empty();
+}
+
+TEST(RunScript, CleanRunPassesWithZsetsTranscriptUntouched) {
+    SKIP_UNLESS_ZSET_PORT_FREE();
+    const ScriptRun r = run_script({"--junit", "report.xml"});
+    EXPECT_EQ(r.run.exit_code, 0) << r.run.err;
+    ASSERT_TRUE(r.junit.well_formed()) << r.junit.parse_error;
+    EXPECT_EQ(r.junit.tests, kCases);
+    EXPECT_EQ(r.junit.failures + r.junit.errors, 0);
+    EXPECT_NE(r.run.err.find("zset-report: PASSED, 68 of 68 cases passed\n"), std::string::npos) << r.run.err;
+    EXPECT_FALSE(RedisServer::listening(kZsetPort)) << "the script left its server running";
+
+    // The same bytes zset prints on its own against a fresh server.
+    RedisServer server(kZsetPort);
+    EXPECT_EQ(r.run.out, run_zset().out);
+}
+
+TEST(RunScript, AFaultyLibraryFailsTheRunAndItsCasesAreListed) {
+    SKIP_UNLESS_ZSET_PORT_FREE();
+    const ScriptRun r = run_script({"--junit", "report.xml"}, injector_env("zcount_max_exclusive"));
+    EXPECT_EQ(r.run.exit_code, 1);
+    EXPECT_TRUE(complete(r.run.out)) << r.run.out;
+    EXPECT_NE(r.run.err.find("FAILED ZCOUNT 1 \"ZCOUNT - sorted sets\"\n    Condition=[i == 3] HAS FAILED at zset.cpp"),
+              std::string::npos)
+        << r.run.err;
+    ASSERT_TRUE(r.junit.well_formed()) << r.junit.parse_error;
+    const auto failures = r.junit.of_kind("failure");
+    ASSERT_EQ(failures.size(), 1u);
+    EXPECT_EQ(failures[0].name, "ZCOUNT - sorted sets");
+    EXPECT_EQ(failures[0].message.rfind("Condition=[i == 3] HAS FAILED at zset.cpp line ", 0), 0u);
+}
+
+// zset carries a search path to this build's library; --library must win over it, as the loader itself reports.
+TEST(RunScript, LibraryOptionLoadsThatDirectorysLibrary) {
+    SKIP_UNLESS_ZSET_PORT_FREE();
+    TempDir lib;
+    const std::string built = std::string(KELVANE_BUILD_DIR) + "/lib/libkelvane.so.1";
+    std::filesystem::copy_file(std::filesystem::canonical(built), lib / "libkelvane.so.1");
+    const ScriptRun r = run_script({"--library", lib.path()}, {"LD_DEBUG=libs"});
+    EXPECT_EQ(r.run.exit_code, 0);
+    EXPECT_TRUE(complete(r.run.out)) << r.run.out;
+    EXPECT_NE(r.run.err.find("calling init: " + lib.path() + "/libkelvane.so.1\n"), std::string::npos);
+    EXPECT_EQ(r.run.err.find("calling init: " + std::filesystem::canonical(built).string()), std::string::npos);
+    EXPECT_NE(r.run.err.find("zset runs against " + lib.path() + "/libkelvane.so.1"), std::string::npos);
+
+    TempDir empty;
+    const ScriptRun none = run_script({"--library", empty.path()});
+    EXPECT_EQ(none.run.exit_code, 2);
+    EXPECT_EQ(none.run.out, "");
+}
+
+TEST(RunScript, ServerBinaryAndExistingServerOptions) {
+    SKIP_UNLESS_ZSET_PORT_FREE();
+    TempDir dir;
+    write_file(dir / "my-server", "#!/bin/sh\necho started > \"$MARKER\"\nexec redis-server \"$@\"\n");
+    chmod((dir / "my-server").c_str(), 0755);
+    const ScriptRun own = run_script({"--server-bin", dir / "my-server"}, {"MARKER=" + (dir / "marker")});
+    EXPECT_EQ(own.run.exit_code, 0) << own.run.err;
+    EXPECT_TRUE(std::filesystem::exists(dir / "marker")) << "--server-bin was not the server started";
+    EXPECT_FALSE(RedisServer::listening(kZsetPort));
+
+    RedisServer server(kZsetPort);
+    const ScriptRun existing = run_script({"--existing-server"});
+    EXPECT_EQ(existing.run.exit_code, 0) << existing.run.err;
+    EXPECT_TRUE(complete(existing.run.out));
+    EXPECT_TRUE(RedisServer::listening(kZsetPort)) << "the script stopped a server it did not start";
+}
+
+TEST(RunScript, WhatCannotBeSetUpExits2WithoutRunningZset) {
+    SKIP_UNLESS_ZSET_PORT_FREE();
+    TempDir empty;
+    const std::vector<std::vector<std::string>> bad = {
+        {"--existing-server"},  // nothing listens
+        {"--server-bin", empty / "no-such-server"},
+        {"--server-bin", "/bin/false"},
+        {"--build-dir", empty.path()},
+        {"--timeout", "soon"},
+        {"--no-such-option"},
+        {"--existing-server", "--cluster"},
+        {"--junit", "no/such/dir/report.xml"},
+    };
+    for (const auto& args : bad) {
+        const ScriptRun r = run_script(args);
+        EXPECT_EQ(r.run.exit_code, 2) << args[0] << " " << (args.size() > 1 ? args[1] : "") << "\n" << r.run.err;
+        EXPECT_EQ(r.run.out, "") << args[0];
+        EXPECT_NE(r.run.err, "") << args[0];
+    }
+    // Ports taken: 12345 for one server; any of 12345-12350 and their bus ports for a cluster.
+    for (const int port : {kZsetPort, 12348, 22346}) {
+        RedisServer squatter(port);
+        const std::vector<std::string> args = port == kZsetPort ? std::vector<std::string>{}
+                                                                : std::vector<std::string>{"--cluster"};
+        const ScriptRun r = run_script(args);
+        EXPECT_EQ(r.run.exit_code, 2) << port;
+        EXPECT_EQ(r.run.out, "") << port;
+        EXPECT_NE(r.run.err.find("already listens on 127.0.0.1:" + std::to_string(port)), std::string::npos)
+            << r.run.err;
+    }
+    const ScriptRun help = run_script({"--help"});
+    EXPECT_EQ(help.run.exit_code, 0);
+    EXPECT_NE(help.run.out.find("Exit status:"), std::string::npos);
+}
+
+// KELVANE_FAULT=slow stretches the run to seconds; a one-second limit cuts it off.
+TEST(RunScript, ARunPastItsTimeoutIsStoppedAndFails) {
+    SKIP_UNLESS_ZSET_PORT_FREE();
+    const ScriptRun r = run_script({"--timeout", "1", "--junit", "report.xml"}, injector_env("slow"));
+    EXPECT_EQ(r.run.exit_code, 1);
+    EXPECT_LT(r.run.seconds, 30);
+    EXPECT_NE(r.run.err.find("ran longer than 1 s"), std::string::npos) << r.run.err;
+    ASSERT_TRUE(r.junit.well_formed()) << r.junit.parse_error;
+    bool stopped = false;
+    for (const auto& c : r.junit.of_kind("error")) stopped = stopped || c.message.find("did not finish in time") != std::string::npos;
+    EXPECT_TRUE(stopped);
+    EXPECT_GT(r.junit.errors, 1) << "the cases after the cut are errors";
+    EXPECT_FALSE(RedisServer::listening(kZsetPort));
+}
+
+// A private cluster: the script forms it, runs zset once against it and takes it down. Whether every case passes
+// depends on the library's cluster support; the exit status must say which.
+TEST(RunScript, ClusterRunFormsRunsAndTearsDownAPrivateCluster) {
+    SKIP_UNLESS_ZSET_PORT_FREE();
+    const ScriptRun r = run_script({"--cluster", "--junit", "report.xml"});
+    EXPECT_TRUE(complete(r.run.out)) << r.run.out << r.run.err;
+    const Transcript t = parse_transcript(r.run.out);
+    const bool all_passed = t.summary == summary_line(kCases, 0);
+    EXPECT_EQ(r.run.exit_code, all_passed ? 0 : 1) << r.run.err;
+    ASSERT_TRUE(r.junit.well_formed()) << r.junit.parse_error;
+    EXPECT_GE(r.junit.tests, kCases);
+    for (int port = 12345; port <= 12350; ++port) EXPECT_FALSE(RedisServer::listening(port)) << port;
+}
+
+}  // namespace
+}  // namespace kelvane_test
