@@ -15,10 +15,19 @@
 --            plain set) whose Redis type is the kelvane kind of the key;
 --   KEYS[2]  its values hash, member -> value, only for members that have one.
 -- Writes take the time-to-live as their first two arguments: the seconds and
--- "1" when the caller committed them. Scores arrive and leave as text with 17
--- significant digits; Lua's own number-to-text keeps only 14, so every score
--- that leaves goes through score_text(). Replies are arrays whose first
--- element is the status, numbered as in the client header.
+-- "1" when the caller committed them. Scores arrive as text with 17
+-- significant digits and leave either as Redis's own text of a stored score
+-- (exact) or through score_text(); Lua's own number-to-text keeps only 14.
+-- Replies are arrays whose first element is the status, numbered as in the
+-- client header.
+--
+-- Every server command costs about as much inside a function as the whole
+-- native command does, so each function makes as few as it can: the first
+-- command on a key goes through redis.pcall and doubles as the check of the
+-- key's kind, and expiry work is done only where the time-to-live rule
+-- changes something. No function writes before it has checked every key it
+-- writes, so a key of the wrong kind (the values hash included) answers
+-- WRONG_REPLY and leaves everything as it was.
 
 local LIBRARY = '@KELVANE_LIBRARY@'
 
@@ -29,120 +38,115 @@ local NOTFOUND = 13
 local INVALID_PARAMETER = 15
 local NO_SET_KEY = 17
 
--- Lua 5.1 unpack() is bounded by the C stack; commands built from long
--- member lists are sent in slices of this many arguments.
-local SLICE = 512
+-- Lua 5.1 unpack() stops near 8000 values (the C stack), so commands built
+-- from long lists go in slices of this many arguments. Even, so that
+-- score/member pairs never straddle two slices.
+local SLICE = 4000
+
+-- What a write leaves of the values hash, for the time-to-live rule.
+local VALUES_NONE = 0  -- there is none
+local VALUES_KEPT = 1  -- any there is existed before, with the main key's expiry
+local VALUES_MADE = 2  -- this call may have created it, without an expiry
 
 local function score_text(x)
   return string.format('%.17g', x)
+end
+
+-- The answer to a failed first command: a key of the wrong kind is the
+-- caller's WRONG_REPLY; any other error reaches the client as itself.
+local function refused(err)
+  if string.sub(err.err, 1, 9) == 'WRONGTYPE' then
+    return { WRONG_REPLY }
+  end
+  return err
+end
+
+local function failed(reply)
+  return type(reply) == 'table' and reply.err ~= nil
+end
+
+-- Runs `command key list[first..last]` in slices and sums the integer
+-- replies. The first slice goes through pcall, so a key of the wrong kind
+-- comes back as the error before anything was written.
+local function sliced(command, key, list, first, last)
+  local total, call = 0, redis.pcall
+  for i = first, last, SLICE do
+    local reply = call(command, key, unpack(list, i, math.min(i + SLICE - 1, last)))
+    if failed(reply) then
+      return reply
+    end
+    total = total + reply
+    call = redis.call
+  end
+  return total
+end
+
+-- How many different members list holds from index first on, one every step.
+local function distinct(list, first, step)
+  local seen, count = {}, 0
+  for i = first, #list, step do
+    local member = list[i]
+    if not seen[member] then
+      seen[member] = true
+      count = count + 1
+    end
+  end
+  return count
 end
 
 local function kind_of(key)
   return redis.call('TYPE', key)['ok']
 end
 
--- The values hash expires with the main key, to the millisecond, and goes
--- when the main key has gone (a removal that emptied the set).
-local function sync_values(main, vals)
-  if redis.call('EXISTS', main) == 0 then
+-- Whether a values hash may be touched: absent, or a hash. Anything else
+-- there is not ours.
+local function values_kind_ok(kind)
+  return kind == 'none' or kind == 'hash'
+end
+
+-- A key this call creates owns no values yet. A values hash left behind (its
+-- set evicted on a full server, say) is dropped so that no new member
+-- inherits a value; with a key of another kind there the call must not go
+-- on (false). kind: the values hash's, when the caller has looked already.
+local function clear_left_values(vals, kind)
+  kind = kind or kind_of(vals)
+  if kind == 'hash' then
     redis.call('DEL', vals)
-    return
   end
-  if redis.call('EXISTS', vals) == 0 then
-    return
-  end
-  local at = redis.call('PEXPIRETIME', main)
-  if at > 0 then
-    redis.call('PEXPIREAT', vals, at)
-  else
-    redis.call('PERSIST', vals)
-  end
+  return values_kind_ok(kind)
 end
 
 -- The time-to-live rule shared by every write: a write that created the key
 -- gives it the time-to-live; on a key that existed only a committed one
--- replaces it. 0 means no expiry (PERSIST is a no-op on a new key).
-local function apply_ttl(main, vals, existed, seconds, commit)
-  if (commit or not existed) and redis.call('EXISTS', main) == 1 then
+-- replaces it (0: no expiry). The values hash expires in the same
+-- millisecond as the main key, so it takes the main key's absolute expiry.
+local function apply_ttl(main, vals, existed, args, values)
+  local seconds, commit = tonumber(args[1]), args[2] == '1'
+  if commit or (not existed and seconds > 0) then
     if seconds > 0 then
       redis.call('EXPIRE', main, seconds)
-    else
+      if values ~= VALUES_NONE then
+        redis.call('PEXPIREAT', vals, redis.call('PEXPIRETIME', main))
+      end
+    elseif existed then
       redis.call('PERSIST', main)
+      if values ~= VALUES_NONE then
+        redis.call('PERSIST', vals)
+      end
     end
-  end
-  sync_values(main, vals)
-end
-
--- Opens a sorted-set write: returns whether the key existed, or nil when it
--- holds another kind. A key that did not exist cannot own a values hash;
--- one left behind by outside hands is cleared so it cannot leak in.
-local function open_zset_write(main, vals)
-  local kind = kind_of(main)
-  if kind == 'zset' then
-    return true
-  elseif kind == 'none' then
-    redis.call('DEL', vals)
-    return false
-  end
-  return nil
-end
-
--- Makes a sorted-set write out of its core: checks the key's kind, runs
--- body(main, vals, existed, args) and, when the write landed, applies the
--- time-to-live rule with args[1] and args[2]. body returns the reply.
-local function zset_write(body)
-  return function(keys, args)
-    local main, vals = keys[1], keys[2]
-    local existed = open_zset_write(main, vals)
-    if existed == nil then
-      return { WRONG_REPLY }
+  elseif existed and values == VALUES_MADE then
+    local at = redis.call('PEXPIRETIME', main)
+    if at > 0 then
+      redis.call('PEXPIREAT', vals, at)
     end
-    local reply = body(main, vals, existed, args)
-    if reply[1] == SUCCESS or reply[1] == ALREADY_EXISTS then
-      apply_ttl(main, vals, existed, tonumber(args[1]), args[2] == '1')
-    end
-    return reply
   end
 end
 
-local function values_of(vals, members)
-  local out = {}
-  if redis.call('EXISTS', vals) == 0 then
-    for i = 1, #members do
-      out[i] = false
-    end
-    return out
-  end
-  for first = 1, #members, SLICE do
-    local last = math.min(first + SLICE - 1, #members)
-    local got = redis.call('HMGET', vals, unpack(members, first, last))
-    for i = first, last do
-      out[i] = got[i - first + 1]
-    end
-  end
-  return out
-end
-
-local function remove_members(main, vals, members)
-  local removed = 0
-  for first = 1, #members, SLICE do
-    local last = math.min(first + SLICE - 1, #members)
-    removed = removed + redis.call('ZREM', main, unpack(members, first, last))
-    if redis.call('EXISTS', vals) == 1 then
-      redis.call('HDEL', vals, unpack(members, first, last))
-    end
-  end
-  return removed
-end
-
--- The highest score and the member that holds it (of equal scores, the
--- last in byte order), or nil for an empty set.
+-- The highest score and the member that holds it (of equal scores, the last
+-- in byte order); an empty reply means no key, since Redis keeps no empty
+-- sorted set. The error table for a key of another kind.
 local function top_of(main)
-  local top = redis.call('ZRANGE', main, -1, -1, 'WITHSCORES')
-  if #top == 0 then
-    return nil, nil
-  end
-  return tonumber(top[2]), top[1]
+  return redis.pcall('ZRANGE', main, -1, -1, 'WITHSCORES')
 end
 
 -- The decimal name of a score: whole numbers as integers, in full however
@@ -164,230 +168,460 @@ local function score_name(x)
   return score_text(x)
 end
 
--- kv_sadd: ttl, commit, member
+-- kv_sadd: ttl, commit, member. A plain set owns no values hash.
 local function sadd(keys, args)
-  local main, vals = keys[1], keys[2]
-  local kind = kind_of(main)
-  if kind ~= 'none' and kind ~= 'set' then
+  local main = keys[1]
+  local added = redis.pcall('SADD', main, args[3])
+  if failed(added) then
+    return refused(added)
+  end
+  local seconds, commit = tonumber(args[1]), args[2] == '1'
+  -- Only a member new to the set can mean a new set, and then it is alone.
+  if commit or (seconds > 0 and added == 1 and redis.call('SCARD', main) == 1) then
+    if seconds > 0 then
+      redis.call('EXPIRE', main, seconds)
+    else
+      redis.call('PERSIST', main)
+    end
+  end
+  return { added == 1 and SUCCESS or ALREADY_EXISTS }
+end
+
+-- The status of an add to a set that existed: ALREADY_EXISTS when any of
+-- the n members (names at list[first], one every step, maybe repeated) was
+-- there before, which is when ZADD added fewer than the distinct names.
+local function add_status(added, n, list, first, step)
+  if added == n then
+    return SUCCESS
+  end
+  if added == 0 or added < distinct(list, first, step) then
+    return ALREADY_EXISTS
+  end
+  return SUCCESS
+end
+
+-- kv_zadd and kv_zmadd: ttl, commit, "0", then score, member per member.
+-- A new member never inherits a value: a member is in the values hash only
+-- while it is in the set, so an add without values leaves the hash alone.
+local function zadd_plain(main, vals, args)
+  local kind
+  if args[2] == '1' then
+    -- A committed time-to-live moves the values hash's expiry too.
+    kind = kind_of(vals)
+    if not values_kind_ok(kind) then
+      return { WRONG_REPLY }
+    end
+  end
+  local added = sliced('ZADD', main, args, 4, #args)
+  if failed(added) then
+    return refused(added)
+  end
+  -- ZADD never removes, so the set existed unless it holds just what came.
+  local existed = added == 0 or redis.call('ZCARD', main) > added
+  if not existed then
+    if not clear_left_values(vals, kind) then
+      -- The set is this call's own: deleting it leaves the key as it was.
+      redis.call('DEL', main)
+      return { WRONG_REPLY }
+    end
+    kind = 'none'
+  end
+  apply_ttl(main, vals, existed, args, kind == 'none' and VALUES_NONE or VALUES_KEPT)
+  local n = (#args - 3) / 2
+  return { existed and add_status(added, n, args, 5, 2) or SUCCESS }
+end
+
+-- kv_zaddval and kv_zmaddval: ttl, commit, "1", then score, member, value per
+-- member. The values go first: HSET checks the hash's kind before either
+-- key is written.
+local function zadd_values(main, vals, args)
+  local card = redis.pcall('ZCARD', main)
+  if failed(card) then
+    return refused(card)
+  end
+  local existed = card > 0
+  if not existed and not clear_left_values(vals) then
     return { WRONG_REPLY }
   end
-  local added = redis.call('SADD', main, args[3])
-  apply_ttl(main, vals, kind == 'set', tonumber(args[1]), args[2] == '1')
-  return { added == 1 and SUCCESS or ALREADY_EXISTS }
+  local n = (#args - 3) / 3
+  local made, added
+  if n == 1 then
+    made = redis.pcall('HSET', vals, args[5], args[6])
+    if failed(made) then
+      return refused(made)
+    end
+    added = redis.call('ZADD', main, args[4], args[5])
+  else
+    local scored, fields, k = {}, {}, 0
+    for i = 4, #args, 3 do
+      scored[k + 1], scored[k + 2] = args[i], args[i + 1]
+      fields[k + 1], fields[k + 2] = args[i + 1], args[i + 2]
+      k = k + 2
+    end
+    made = sliced('HSET', vals, fields, 1, #fields)
+    if failed(made) then
+      return refused(made)
+    end
+    added = sliced('ZADD', main, scored, 1, #scored)
+  end
+  -- New fields may mean a new hash, which must take the set's expiry.
+  apply_ttl(main, vals, existed, args, made > 0 and VALUES_MADE or VALUES_KEPT)
+  return { existed and add_status(added, n, args, 5, 3) or SUCCESS }
 end
 
 -- kv_zadd, kv_zaddval, kv_zmadd, kv_zmaddval:
 -- ttl, commit, with_values ("1"/"0"), then per member: score, member[, value].
 -- A member that existed before the call makes the status ALREADY_EXISTS; it
--- keeps its value unless the call gives one. A member is in the values hash
--- only while it is in the set (every removal path clears its value), so a
--- new member never inherits one.
-local function zadd(main, vals, existed, args)
-  local with_values = args[3] == '1'
-  local step = with_values and 3 or 2
-  local status = SUCCESS
-  if existed then
-    for i = 4, #args, step do
-      if redis.call('ZSCORE', main, args[i + 1]) then
-        status = ALREADY_EXISTS
-        break
-      end
-    end
+-- keeps its value unless the call gives one.
+local function zadd(keys, args)
+  if args[3] == '1' then
+    return zadd_values(keys[1], keys[2], args)
   end
-  for i = 4, #args, step do
-    local member = args[i + 1]
-    redis.call('ZADD', main, args[i], member)
-    if with_values then
-      redis.call('HSET', vals, member, args[i + 2])
-    end
-  end
-  return { status }
+  return zadd_plain(keys[1], keys[2], args)
 end
 
 -- kv_zaddvalmax: ttl, commit, member, value, increment
-local function zaddvalmax(main, vals, existed, args)
-  local member = args[3]
-  local max = top_of(main)
-  local score = (max or 0) + tonumber(args[5])
+local function zaddvalmax(keys, args)
+  local main, vals, member = keys[1], keys[2], args[3]
+  local top = top_of(main)
+  if top.err then
+    return refused(top)
+  end
+  local existed = #top > 0
+  local score = (existed and tonumber(top[2]) or 0) + tonumber(args[5])
   if score ~= score then
     return { INVALID_PARAMETER }
   end
+  if not existed and not clear_left_values(vals) then
+    return { WRONG_REPLY }
+  end
+  local made = redis.pcall('HSET', vals, member, args[4])
+  if failed(made) then
+    return refused(made)
+  end
   local added = redis.call('ZADD', main, score_text(score), member)
-  redis.call('HSET', vals, member, args[4])
+  apply_ttl(main, vals, existed, args, made > 0 and VALUES_MADE or VALUES_KEPT)
   return { added == 1 and SUCCESS or ALREADY_EXISTS }
 end
 
 -- kv_zaddmaxinc: ttl, commit, increment
-local function zaddmaxinc(main, vals, existed, args)
-  local max = top_of(main)
-  local score = (max or 0) + tonumber(args[3])
+-- A member already named by the new score takes it and loses its value.
+local function zaddmaxinc(keys, args)
+  local main, vals = keys[1], keys[2]
+  local top = top_of(main)
+  if top.err then
+    return refused(top)
+  end
+  local existed = #top > 0
+  local score = (existed and tonumber(top[2]) or 0) + tonumber(args[3])
   if score ~= score then
     return { INVALID_PARAMETER }
   end
   local member = score_name(score)
-  local added = redis.call('ZADD', main, score_text(score), member)
-  if added == 0 then
-    redis.call('HDEL', vals, member)
+  if existed then
+    -- A member that is not in the set has no value, so this drops a value
+    -- only where the member is there already.
+    local dropped = redis.pcall('HDEL', vals, member)
+    if failed(dropped) then
+      return refused(dropped)
+    end
+  elseif not clear_left_values(vals) then
+    return { WRONG_REPLY }
   end
+  local added = redis.call('ZADD', main, score_text(score), member)
+  apply_ttl(main, vals, existed, args, existed and VALUES_KEPT or VALUES_NONE)
   return { added == 1 and SUCCESS or ALREADY_EXISTS, member }
+end
+
+-- kv_zadddis beyond the drift, on a set that exists: the set starts again
+-- from the new member alone. The key is never emptied on the way, so it
+-- keeps its expiry without being told.
+local function restart(main, vals, args)
+  local had_values = redis.pcall('HLEN', vals)
+  if failed(had_values) then
+    return refused(had_values)
+  end
+  local member = args[4]
+  local added = redis.call('ZADD', main, args[3], member)
+  if tonumber(args[5]) >= 0 then
+    -- Beyond a drift of zero or more the new score is above every other,
+    -- so the member ranks last and everything before it goes.
+    redis.call('ZREMRANGEBYRANK', main, 0, -2)
+  else
+    local rank = redis.call('ZRANK', main, member)
+    redis.call('ZREMRANGEBYRANK', main, rank + 1, -1)
+    if rank > 0 then
+      redis.call('ZREMRANGEBYRANK', main, 0, rank - 1)
+    end
+  end
+  if had_values > 0 then
+    redis.call('DEL', vals)
+  end
+  apply_ttl(main, vals, true, args, VALUES_NONE)
+  return { added == 1 and SUCCESS or ALREADY_EXISTS, false }
 end
 
 -- kv_zadddis: ttl, commit, score, member, drift
 -- Beyond the drift the set starts again from the new member alone; within
 -- it (the boundary included) the member holding the highest score moves to
--- the new score and its name goes back to the caller.
-local function zadddis(main, vals, existed, args)
-  local score, member, drift = tonumber(args[3]), args[4], tonumber(args[5])
-  local max, holder = top_of(main)
-  if max ~= nil and not (score - max > drift) then
-    redis.call('ZADD', main, args[3], holder)
-    redis.call('HDEL', vals, holder)
-    return { SUCCESS, holder }
+-- the new score and loses its value, and its name goes back to the caller.
+local function zadddis(keys, args)
+  local main, vals = keys[1], keys[2]
+  local top = top_of(main)
+  if top.err then
+    return refused(top)
   end
-  local was_member = existed and redis.call('ZSCORE', main, member) ~= false
-  -- Starting again must not reset the key's expiry: only the rule decides.
-  local expires_at = existed and redis.call('PEXPIRETIME', main) or -1
-  redis.call('DEL', main, vals)
-  redis.call('ZADD', main, args[3], member)
-  if expires_at > 0 then
-    redis.call('PEXPIREAT', main, expires_at)
+  if #top == 0 then
+    if not clear_left_values(vals) then
+      return { WRONG_REPLY }
+    end
+    redis.call('ZADD', main, args[3], args[4])
+    apply_ttl(main, vals, false, args, VALUES_NONE)
+    return { SUCCESS, false }
   end
-  return { was_member and ALREADY_EXISTS or SUCCESS, false }
+  if tonumber(args[3]) - tonumber(top[2]) > tonumber(args[5]) then
+    return restart(main, vals, args)
+  end
+  local holder = top[1]
+  local dropped = redis.pcall('HDEL', vals, holder)
+  if failed(dropped) then
+    return refused(dropped)
+  end
+  redis.call('ZADD', main, args[3], holder)
+  apply_ttl(main, vals, true, args, VALUES_KEPT)
+  return { SUCCESS, holder }
 end
 
 -- kv_zincrby: ttl, commit, member, increment
-local function zincrby(main, vals, existed, args)
-  -- ZINCRBY refuses a sum that is not a number and leaves the set as it was.
+-- The new score leaves as ZINCRBY's own text of it.
+local function zincrby(keys, args)
+  local main, vals = keys[1], keys[2]
+  local card = redis.pcall('ZCARD', main)
+  if failed(card) then
+    return refused(card)
+  end
+  local existed, kind = card > 0, nil
+  if not existed then
+    if not clear_left_values(vals) then
+      return { WRONG_REPLY }
+    end
+    kind = 'none'
+  elseif args[2] == '1' then
+    -- A committed time-to-live moves the values hash's expiry too.
+    kind = kind_of(vals)
+    if not values_kind_ok(kind) then
+      return { WRONG_REPLY }
+    end
+  end
+  -- ZINCRBY refuses a sum that is not a number and leaves the set as it
+  -- was; only a member that exists can get there (inf + -inf).
   local new = redis.pcall('ZINCRBY', main, args[4], args[3])
-  if type(new) == 'table' and new.err then
+  if failed(new) then
     return { INVALID_PARAMETER }
   end
+  apply_ttl(main, vals, existed, args, kind == 'none' and VALUES_NONE or VALUES_KEPT)
   return { SUCCESS, new }
 end
 
--- Makes a sorted-set read or removal out of its core: a key of another kind
--- answers WRONG_REPLY, an absent key answers `absent`, and a sorted set goes
--- to body(main, vals, args).
-local function on_zset(absent, body)
-  return function(keys, args)
-    local kind = kind_of(keys[1])
-    if kind == 'none' then
-      return absent
-    elseif kind ~= 'zset' then
-      return { WRONG_REPLY }
-    end
-    return body(keys[1], keys[2], args)
+-- The answer to a read that found nothing: NOTFOUND when the key does not
+-- exist, else `status`.
+local function absent_or(main, status)
+  if redis.call('EXISTS', main) == 0 then
+    return { NOTFOUND }
   end
+  return { status }
 end
 
 -- kv_zscore: member
-local function zscore(main, vals, args)
-  local score = redis.call('ZSCORE', main, args[1])
+local function zscore(keys, args)
+  local score = redis.pcall('ZSCORE', keys[1], args[1])
   if not score then
-    return { NO_SET_KEY }
+    return absent_or(keys[1], NO_SET_KEY)
+  elseif failed(score) then
+    return refused(score)
   end
-  return { SUCCESS, score, redis.call('HGET', vals, args[1]) }
+  local value = redis.pcall('HGET', keys[2], args[1])
+  if failed(value) then
+    return refused(value)
+  end
+  return { SUCCESS, score, value }
 end
 
 -- kv_zrank: member, reverse, with_values
-local function zrank(main, vals, args)
-  local rank = redis.call(args[2] == '1' and 'ZREVRANK' or 'ZRANK', main, args[1])
+local function zrank(keys, args)
+  local rank = redis.pcall(args[2] == '1' and 'ZREVRANK' or 'ZRANK', keys[1], args[1])
   if not rank then
-    return { NO_SET_KEY }
+    return absent_or(keys[1], NO_SET_KEY)
+  elseif failed(rank) then
+    return refused(rank)
   end
   local value = false
   if args[3] == '1' then
-    value = redis.call('HGET', vals, args[1])
+    value = redis.pcall('HGET', keys[2], args[1])
+    if failed(value) then
+      return refused(value)
+    end
   end
   return { SUCCESS, rank, value }
 end
 
--- kv_zcard and kv_zcount: [min, max].
-local function zcount(main, vals, args)
+-- kv_zcard and kv_zcount: [min, max]. An absent key counts as empty.
+local function zcount(keys, args)
+  local n
   if #args == 0 then
-    return { SUCCESS, redis.call('ZCARD', main) }
+    n = redis.pcall('ZCARD', keys[1])
+  else
+    n = redis.pcall('ZCOUNT', keys[1], args[1], args[2])
   end
-  return { SUCCESS, redis.call('ZCOUNT', main, args[1], args[2]) }
+  if failed(n) then
+    return refused(n)
+  end
+  return { SUCCESS, n }
+end
+
+-- The values of the members of a ZRANGE reply (one member every `step`
+-- items), false for a member without one, or the error for a values hash of
+-- another kind.
+local function values_of(vals, items, step)
+  local count = #items / step
+  local members = items
+  if step ~= 1 then
+    members = {}
+    for i = 1, count do
+      members[i] = items[2 * i - 1]
+    end
+  end
+  if count <= SLICE then
+    return redis.pcall('HMGET', vals, unpack(members))
+  end
+  local values = {}
+  for first = 1, count, SLICE do
+    local got = redis.pcall('HMGET', vals, unpack(members, first, math.min(first + SLICE - 1, count)))
+    if got.err then
+      return got
+    end
+    for i = 1, #got do
+      values[first + i - 1] = got[i]
+    end
+  end
+  return values
 end
 
 -- kv_zrange and kv_zrangebyscore:
 -- by_score, low, high, reverse, with_scores, with_values, offset, count.
 -- By rank, low and high are the start and stop ranks; by score they are the
 -- inclusive bounds and offset/count slice the selection (offset "" for no
--- limit). The reply is status, members, scores (empty unless asked for) and
--- values (false for a member without one; empty unless asked for).
-local function zrange(main, vals, args)
+-- limit). The reply is the status, ZRANGE's own reply (member, score pairs
+-- when scores were asked for, else members) and the members' values in the
+-- same order (false for a member without one; empty unless asked for).
+local function zrange(keys, args)
+  local main = keys[1]
   local by_score, reverse = args[1] == '1', args[4] == '1'
-  local with_scores, with_values = args[5] == '1', args[6] == '1'
-  local command = { 'ZRANGE', main }
-  if by_score and reverse then
-    -- ZRANGE ... BYSCORE REV takes the bounds high first.
-    table.insert(command, args[3])
-    table.insert(command, args[2])
-  else
-    table.insert(command, args[2])
-    table.insert(command, args[3])
-  end
+  local with_scores = args[5] == '1'
+  local command = { 'ZRANGE', main, args[2], args[3] }
   if by_score then
-    table.insert(command, 'BYSCORE')
+    if reverse then
+      -- ZRANGE ... BYSCORE REV takes the bounds high first.
+      command[3], command[4] = args[3], args[2]
+    end
+    command[5] = 'BYSCORE'
   end
   if reverse then
-    table.insert(command, 'REV')
+    command[#command + 1] = 'REV'
   end
   if by_score and args[7] ~= '' then
-    table.insert(command, 'LIMIT')
-    table.insert(command, args[7])
-    table.insert(command, args[8])
+    local k = #command
+    command[k + 1], command[k + 2], command[k + 3] = 'LIMIT', args[7], args[8]
   end
-  table.insert(command, 'WITHSCORES')
-  local flat = redis.call(unpack(command))
-  local members, scores = {}, {}
-  for i = 1, #flat, 2 do
-    members[#members + 1] = flat[i]
-    if with_scores then
-      scores[#scores + 1] = flat[i + 1]
+  if with_scores then
+    command[#command + 1] = 'WITHSCORES'
+  end
+  local items = redis.pcall(unpack(command))
+  if items.err then
+    return refused(items)
+  end
+  if #items == 0 then
+    if redis.call('EXISTS', main) == 0 then
+      return { NOTFOUND }
     end
+    return { SUCCESS, items, {} }
   end
   local values = {}
-  if with_values then
-    values = values_of(vals, members)
+  if args[6] == '1' then
+    values = values_of(keys[2], items, with_scores and 2 or 1)
+    if values.err then
+      return refused(values)
+    end
   end
-  return { SUCCESS, members, scores, values }
+  return { SUCCESS, items, values }
 end
 
 -- kv_zrem and kv_zmrem: members...
-local function zrem(main, vals, args)
-  local removed = remove_members(main, vals, args)
-  sync_values(main, vals)
+-- The values go first: HDEL checks the hash's kind before either key is
+-- written. A removal that empties the set (which Redis then deletes) takes
+-- the values hash with it.
+local function zrem(keys, args)
+  local main, vals = keys[1], keys[2]
+  local card = redis.pcall('ZCARD', main)
+  if failed(card) then
+    return refused(card)
+  elseif card == 0 then
+    return { NOTFOUND, 0 }
+  end
+  local dropped = sliced('HDEL', vals, args, 1, #args)
+  if failed(dropped) then
+    return refused(dropped)
+  end
+  local removed = sliced('ZREM', main, args, 1, #args)
+  if removed == card then
+    redis.call('DEL', vals)
+  end
   return { removed > 0 and SUCCESS or NOTFOUND, removed }
 end
 
 -- kv_zremrangebyscore and kv_zremrangebyrank: by_score, low, high.
-local function zremrange(main, vals, args)
+-- An absent key counts as an empty set.
+local function zremrange(keys, args)
+  local main, vals = keys[1], keys[2]
+  local by_score = args[1] == '1'
   local members
-  if args[1] == '1' then
-    members = redis.call('ZRANGE', main, args[2], args[3], 'BYSCORE')
+  if by_score then
+    members = redis.pcall('ZRANGE', main, args[2], args[3], 'BYSCORE')
   else
-    members = redis.call('ZRANGE', main, args[2], args[3])
+    members = redis.pcall('ZRANGE', main, args[2], args[3])
   end
-  local removed = remove_members(main, vals, members)
-  sync_values(main, vals)
+  if members.err then
+    return refused(members)
+  elseif #members == 0 then
+    return { SUCCESS, 0 }
+  end
+  local dropped = sliced('HDEL', vals, members, 1, #members)
+  if failed(dropped) then
+    return refused(dropped)
+  end
+  -- The same selection as the ZRANGE above: nothing ran in between.
+  local removed = redis.call(by_score and 'ZREMRANGEBYSCORE' or 'ZREMRANGEBYRANK', main, args[2], args[3])
+  if redis.call('EXISTS', main) == 0 then
+    redis.call('DEL', vals)
+  end
   return { SUCCESS, removed }
 end
 
-redis.register_function(LIBRARY .. '_sadd', sadd)
-redis.register_function(LIBRARY .. '_zadd', zset_write(zadd))
-redis.register_function(LIBRARY .. '_zaddvalmax', zset_write(zaddvalmax))
-redis.register_function(LIBRARY .. '_zaddmaxinc', zset_write(zaddmaxinc))
-redis.register_function(LIBRARY .. '_zadddis', zset_write(zadddis))
-redis.register_function(LIBRARY .. '_zincrby', zset_write(zincrby))
--- An absent key counts as an empty set for counting and range removals.
-local function read_only(name, callback)
-  redis.register_function{ function_name = name, callback = callback, flags = { 'no-writes' } }
+-- Writes carry no flag, so a server at maxmemory refuses them before they
+-- run. Reads write nothing; removals only ever shrink the data, so they run
+-- on a full server too.
+local function register(op, callback, flags)
+  redis.register_function{ function_name = LIBRARY .. '_' .. op, callback = callback, flags = flags }
 end
-read_only(LIBRARY .. '_zscore', on_zset({ NOTFOUND }, zscore))
-read_only(LIBRARY .. '_zrank', on_zset({ NOTFOUND }, zrank))
-read_only(LIBRARY .. '_zcount', on_zset({ SUCCESS, 0 }, zcount))
-read_only(LIBRARY .. '_zrange', on_zset({ NOTFOUND }, zrange))
-redis.register_function(LIBRARY .. '_zrem', on_zset({ NOTFOUND, 0 }, zrem))
-redis.register_function(LIBRARY .. '_zremrange', on_zset({ SUCCESS, 0 }, zremrange))
+register('sadd', sadd)
+register('zadd', zadd)
+register('zaddvalmax', zaddvalmax)
+register('zaddmaxinc', zaddmaxinc)
+register('zadddis', zadddis)
+register('zincrby', zincrby)
+register('zscore', zscore, { 'no-writes' })
+register('zrank', zrank, { 'no-writes' })
+register('zcount', zcount, { 'no-writes' })
+register('zrange', zrange, { 'no-writes' })
+register('zrem', zrem, { 'allow-oom' })
+register('zremrange', zremrange, { 'allow-oom' })

@@ -109,12 +109,13 @@ void clear_range(const RangeOut& out) {
 
 int32_t hand_out_range(kv_mm* mm, const redisReply* reply, std::string_view suffix,
                        const RangeOut& out) {
-    const redisReply* members = array_field(reply, 1);
-    const redisReply* scores = array_field(reply, 2);
-    const redisReply* values = array_field(reply, 3);
-    if (members == nullptr || scores == nullptr || values == nullptr) return KV_SERVER_ERROR;
-    const std::size_t n = members->elements;
-    if ((out.scores && scores->elements != n) || (out.values && values->elements != n)) {
+    // ZRANGE's own reply: member, score pairs when scores were asked for.
+    const redisReply* items = array_field(reply, 1);
+    const redisReply* values = array_field(reply, 2);
+    if (items == nullptr || values == nullptr) return KV_SERVER_ERROR;
+    const std::size_t step = out.scores ? 2 : 1;
+    const std::size_t n = items->elements / step;
+    if (items->elements % step != 0 || (out.values && values->elements != n)) {
         return KV_SERVER_ERROR;
     }
     if (n == 0) return KV_SUCCESS;  // an empty result leaves every array null
@@ -127,7 +128,7 @@ int32_t hand_out_range(kv_mm* mm, const redisReply* reply, std::string_view suff
     std::size_t* ml = new_array<std::size_t>(mm, n, member_lens);
     if (!m || !ml) return KV_NO_MEMORY;
     for (std::size_t k = 0; k < n; ++k) {
-        const redisReply* item = members->element[k];
+        const redisReply* item = items->element[k * step];
         if (item->type != REDIS_REPLY_STRING) return KV_SERVER_ERROR;
         member_items[k] = suffixed_copy(mm, std::string_view(item->str, item->len), suffix);
         if (!member_items[k]) return KV_NO_MEMORY;
@@ -138,7 +139,7 @@ int32_t hand_out_range(kv_mm* mm, const redisReply* reply, std::string_view suff
         s = new_array<double>(mm, n, score_array);
         if (!s) return KV_NO_MEMORY;
         for (std::size_t k = 0; k < n; ++k) {
-            if (!read_score(scores->element[k], &s[k])) return KV_SERVER_ERROR;
+            if (!read_score(items->element[2 * k + 1], &s[k])) return KV_SERVER_ERROR;
         }
     }
     void** v = nullptr;
