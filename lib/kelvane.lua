@@ -1,46 +1,41 @@
 #!lua name=@KELVANE_LIBRARY@
 --
 -- kelvane.lua -- the server side of every kelvane operation that reads and
--- writes, or needs more than one command. Each function runs atomically in
--- the server, so a call costs one round trip and concurrent clients never see
--- half of an operation. docs/data-layout.md describes the keys.
+-- writes, or needs more than one command: one Redis Functions library. Each
+-- function runs atomically, so a call costs one round trip and concurrent
+-- clients never see half of an operation. docs/data-layout.md describes the
+-- keys.
 --
 -- The build names the library kelvane_<version>, the version being a digest
--- of this file, and every function is registered under that name plus "_"
--- and its operation (kelvane_<version>_zadd), so builds with different
--- functions never use or replace each other's.
+-- of this file, and registers each function as <library>_<operation>
+-- (kelvane_<version>_zadd), so builds with different functions never use or
+-- replace each other's.
 --
--- Calling convention:
---   KEYS[1]  the kelvane key's main key: a sorted set (or, for kv_sadd, a
---            plain set) whose Redis type is the kelvane kind of the key;
---   KEYS[2]  its values hash, member -> value, only for members that have one.
--- Writes take the time-to-live as their first two arguments: the seconds and
--- "1" when the caller committed them. Scores arrive as text with 17
--- significant digits and leave either as Redis's own text of a stored score
--- (exact) or through score_text(); Lua's own number-to-text keeps only 14.
--- Replies are arrays whose first element is the status, numbered as in the
--- client header.
+-- KEYS[1] is the kelvane key's main key: a sorted set (for kv_sadd a plain
+-- set) whose Redis type is the key's kind; KEYS[2] is its values hash,
+-- member -> value, for the members that have one. Writes take the
+-- time-to-live first: the seconds, then "1" when the caller committed them.
+-- Scores arrive as text with 17 significant digits and leave as Redis's own
+-- text of a stored score (exact) or through score_text(), never through
+-- Lua's number-to-text (14 digits). Replies are arrays whose first element
+-- is the status, numbered as in the client header.
 --
--- Every server command costs about as much inside a function as the whole
--- native command does, so each function makes as few as it can: the first
--- command on a key goes through redis.pcall and doubles as the check of the
--- key's kind, and expiry work is done only where the time-to-live rule
--- changes something. No function writes before it has checked every key it
--- writes, so a key of the wrong kind (the values hash included) answers
--- WRONG_REPLY and leaves everything as it was.
+-- A server command costs about as much inside a function as the whole
+-- native command does, and FCALL itself about three, so each function makes
+-- as few as it can: the first command on each key goes through redis.pcall
+-- and doubles as the check of the key's kind, and expiry work runs only
+-- where the time-to-live rule changes something. No function writes before
+-- it has checked every key it will touch, so a key of the wrong kind (the
+-- values hash included) answers WRONG_REPLY and leaves everything as it was.
 
 local LIBRARY = '@KELVANE_LIBRARY@'
 
-local SUCCESS = 0
-local WRONG_REPLY = 10
-local ALREADY_EXISTS = 12
-local NOTFOUND = 13
-local INVALID_PARAMETER = 15
-local NO_SET_KEY = 17
+local SUCCESS, WRONG_REPLY, ALREADY_EXISTS = 0, 10, 12
+local NOTFOUND, INVALID_PARAMETER, NO_SET_KEY = 13, 15, 17
 
 -- Lua 5.1 unpack() stops near 8000 values (the C stack), so commands built
--- from long lists go in slices of this many arguments. Even, so that
--- score/member pairs never straddle two slices.
+-- from long lists go in slices of this many arguments; even, so that pairs
+-- never straddle two slices.
 local SLICE = 4000
 
 -- What a write leaves of the values hash, for the time-to-live rule.
@@ -61,10 +56,6 @@ local function refused(err)
   return err
 end
 
-local function failed(reply)
-  return type(reply) == 'table' and reply.err ~= nil
-end
-
 -- Runs `command key list[first..last]` in slices and sums the integer
 -- replies. The first slice goes through pcall, so a key of the wrong kind
 -- comes back as the error before anything was written.
@@ -72,201 +63,174 @@ local function sliced(command, key, list, first, last)
   local total, call = 0, redis.pcall
   for i = first, last, SLICE do
     local reply = call(command, key, unpack(list, i, math.min(i + SLICE - 1, last)))
-    if failed(reply) then
+    if type(reply) ~= 'number' then
       return reply
     end
-    total = total + reply
-    call = redis.call
+    total, call = total + reply, redis.call
   end
   return total
 end
 
--- How many different members list holds from index first on, one every step.
-local function distinct(list, first, step)
-  local seen, count = {}, 0
+-- Whether an add of n members (names at list[first], one every step, maybe
+-- repeated) to a set that existed met one already there: ZADD then added
+-- fewer than the distinct names.
+local function met_existing(added, n, list, first, step)
+  if added == n then
+    return false
+  elseif added == 0 then
+    return true
+  end
+  local seen, distinct = {}, 0
   for i = first, #list, step do
-    local member = list[i]
-    if not seen[member] then
-      seen[member] = true
-      count = count + 1
+    if not seen[list[i]] then
+      seen[list[i]], distinct = true, distinct + 1
     end
   end
-  return count
+  return added < distinct
 end
 
-local function kind_of(key)
-  return redis.call('TYPE', key)['ok']
-end
-
--- Whether a values hash may be touched: absent, or a hash. Anything else
--- there is not ours.
-local function values_kind_ok(kind)
-  return kind == 'none' or kind == 'hash'
+-- The state of a values hash that a call touches only to move its expiry,
+-- or nil for a key of another kind, which is not ours to touch.
+local function values_state(vals)
+  local kind = redis.call('TYPE', vals)['ok']
+  if kind == 'none' then
+    return VALUES_NONE
+  elseif kind == 'hash' then
+    return VALUES_KEPT
+  end
 end
 
 -- A key this call creates owns no values yet. A values hash left behind (its
--- set evicted on a full server, say) is dropped so that no new member
--- inherits a value; with a key of another kind there the call must not go
--- on (false). kind: the values hash's, when the caller has looked already.
-local function clear_left_values(vals, kind)
-  kind = kind or kind_of(vals)
-  if kind == 'hash' then
+-- set evicted on a full server, say) goes, so that no new member inherits a
+-- value; with a key of another kind there the call must stop (false).
+-- state: what values_state() said, when the caller asked already.
+local function clear_left_values(vals, state)
+  state = state or values_state(vals)
+  if state == VALUES_KEPT then
     redis.call('DEL', vals)
   end
-  return values_kind_ok(kind)
+  return state ~= nil
 end
 
 -- The time-to-live rule shared by every write: a write that created the key
 -- gives it the time-to-live; on a key that existed only a committed one
 -- replaces it (0: no expiry). The values hash expires in the same
--- millisecond as the main key, so it takes the main key's absolute expiry.
+-- millisecond as the main key: it takes the main key's absolute expiry.
 local function apply_ttl(main, vals, existed, args, values)
-  local seconds, commit = tonumber(args[1]), args[2] == '1'
-  if commit or (not existed and seconds > 0) then
-    if seconds > 0 then
-      redis.call('EXPIRE', main, seconds)
-      if values ~= VALUES_NONE then
-        redis.call('PEXPIREAT', vals, redis.call('PEXPIRETIME', main))
-      end
-    elseif existed then
-      redis.call('PERSIST', main)
-      if values ~= VALUES_NONE then
-        redis.call('PERSIST', vals)
+  if existed and args[2] ~= '1' then
+    if values == VALUES_MADE then
+      local at = redis.call('PEXPIRETIME', main)
+      if at > 0 then
+        redis.call('PEXPIREAT', vals, at)
       end
     end
-  elseif existed and values == VALUES_MADE then
-    local at = redis.call('PEXPIRETIME', main)
-    if at > 0 then
-      redis.call('PEXPIREAT', vals, at)
+    return
+  end
+  local seconds = tonumber(args[1])
+  if seconds > 0 then
+    redis.call('EXPIRE', main, seconds)
+    if values ~= VALUES_NONE then
+      redis.call('PEXPIREAT', vals, redis.call('PEXPIRETIME', main))
+    end
+  elseif existed then
+    redis.call('PERSIST', main)
+    if values ~= VALUES_NONE then
+      redis.call('PERSIST', vals)
     end
   end
-end
-
--- The highest score and the member that holds it (of equal scores, the last
--- in byte order); an empty reply means no key, since Redis keeps no empty
--- sorted set. The error table for a key of another kind.
-local function top_of(main)
-  return redis.pcall('ZRANGE', main, -1, -1, 'WITHSCORES')
-end
-
--- The decimal name of a score: whole numbers as integers, in full however
--- large ("100000000000000000", never "1e+17"; 0 for -0 too), others in the
--- shortest form that reads back as the same double ("3.5").
-local function score_name(x)
-  if x == 0 then
-    return '0'
-  end
-  if x == math.floor(x) then
-    return string.format('%.0f', x)
-  end
-  for digits = 1, 17 do
-    local text = string.format('%.' .. digits .. 'g', x)
-    if tonumber(text) == x then
-      return text
-    end
-  end
-  return score_text(x)
 end
 
 -- kv_sadd: ttl, commit, member. A plain set owns no values hash.
 local function sadd(keys, args)
   local main = keys[1]
   local added = redis.pcall('SADD', main, args[3])
-  if failed(added) then
+  if type(added) ~= 'number' then
     return refused(added)
   end
-  local seconds, commit = tonumber(args[1]), args[2] == '1'
   -- Only a member new to the set can mean a new set, and then it is alone.
-  if commit or (seconds > 0 and added == 1 and redis.call('SCARD', main) == 1) then
-    if seconds > 0 then
-      redis.call('EXPIRE', main, seconds)
-    else
-      redis.call('PERSIST', main)
-    end
+  local created = added == 1 and args[1] ~= '0' and redis.call('SCARD', main) == 1
+  if created or args[2] == '1' then
+    apply_ttl(main, nil, not created, args, VALUES_NONE)
   end
   return { added == 1 and SUCCESS or ALREADY_EXISTS }
 end
 
--- The status of an add to a set that existed: ALREADY_EXISTS when any of
--- the n members (names at list[first], one every step, maybe repeated) was
--- there before, which is when ZADD added fewer than the distinct names.
-local function add_status(added, n, list, first, step)
-  if added == n then
-    return SUCCESS
-  end
-  if added == 0 or added < distinct(list, first, step) then
-    return ALREADY_EXISTS
-  end
-  return SUCCESS
-end
-
 -- kv_zadd and kv_zmadd: ttl, commit, "0", then score, member per member.
--- A new member never inherits a value: a member is in the values hash only
--- while it is in the set, so an add without values leaves the hash alone.
+-- A member is in the values hash only while it is in the set, so a new
+-- member has no value and an add without values leaves the hash alone.
 local function zadd_plain(main, vals, args)
-  local kind
-  if args[2] == '1' then
+  local commit, state = args[2] == '1', nil
+  if commit then
     -- A committed time-to-live moves the values hash's expiry too.
-    kind = kind_of(vals)
-    if not values_kind_ok(kind) then
+    state = values_state(vals)
+    if state == nil then
       return { WRONG_REPLY }
     end
   end
-  local added = sliced('ZADD', main, args, 4, #args)
-  if failed(added) then
+  local last, added = #args, nil
+  if last == 5 then
+    added = redis.pcall('ZADD', main, args[4], args[5])
+  else
+    added = sliced('ZADD', main, args, 4, last)
+  end
+  if type(added) ~= 'number' then
     return refused(added)
   end
   -- ZADD never removes, so the set existed unless it holds just what came.
-  local existed = added == 0 or redis.call('ZCARD', main) > added
-  if not existed then
-    if not clear_left_values(vals, kind) then
-      -- The set is this call's own: deleting it leaves the key as it was.
-      redis.call('DEL', main)
-      return { WRONG_REPLY }
+  if added == 0 or redis.call('ZCARD', main) > added then
+    if commit then
+      apply_ttl(main, vals, true, args, state)
     end
-    kind = 'none'
+    return { met_existing(added, (last - 3) / 2, args, 5, 2) and ALREADY_EXISTS or SUCCESS }
   end
-  apply_ttl(main, vals, existed, args, kind == 'none' and VALUES_NONE or VALUES_KEPT)
-  local n = (#args - 3) / 2
-  return { existed and add_status(added, n, args, 5, 2) or SUCCESS }
-end
-
--- kv_zaddval and kv_zmaddval: ttl, commit, "1", then score, member, value per
--- member. The values go first: HSET checks the hash's kind before either
--- key is written.
-local function zadd_values(main, vals, args)
-  local card = redis.pcall('ZCARD', main)
-  if failed(card) then
-    return refused(card)
-  end
-  local existed = card > 0
-  if not existed and not clear_left_values(vals) then
+  if not clear_left_values(vals, state) then
+    -- The set is this call's own: deleting it leaves the key as it was.
+    redis.call('DEL', main)
     return { WRONG_REPLY }
   end
-  local n = (#args - 3) / 3
-  local made, added
-  if n == 1 then
+  apply_ttl(main, vals, false, args, VALUES_NONE)
+  return { SUCCESS }
+end
+
+-- kv_zaddval and kv_zmaddval: ttl, commit, "1", then score, member, value
+-- per member. The values go first: HSET checks the hash's kind before
+-- either key is written.
+local function zadd_values(main, vals, args)
+  local card = redis.pcall('ZCARD', main)
+  if type(card) ~= 'number' then
+    return refused(card)
+  elseif card == 0 and not clear_left_values(vals) then
+    return { WRONG_REPLY }
+  end
+  local last, made, added = #args, nil, nil
+  if last == 6 then
     made = redis.pcall('HSET', vals, args[5], args[6])
-    if failed(made) then
+    if type(made) ~= 'number' then
       return refused(made)
     end
     added = redis.call('ZADD', main, args[4], args[5])
   else
     local scored, fields, k = {}, {}, 0
-    for i = 4, #args, 3 do
+    for i = 4, last, 3 do
       scored[k + 1], scored[k + 2] = args[i], args[i + 1]
       fields[k + 1], fields[k + 2] = args[i + 1], args[i + 2]
       k = k + 2
     end
-    made = sliced('HSET', vals, fields, 1, #fields)
-    if failed(made) then
+    made = sliced('HSET', vals, fields, 1, k)
+    if type(made) ~= 'number' then
       return refused(made)
     end
-    added = sliced('ZADD', main, scored, 1, #scored)
+    added = sliced('ZADD', main, scored, 1, k)
   end
+  local existed = card > 0
   -- New fields may mean a new hash, which must take the set's expiry.
-  apply_ttl(main, vals, existed, args, made > 0 and VALUES_MADE or VALUES_KEPT)
-  return { existed and add_status(added, n, args, 5, 3) or SUCCESS }
+  if made > 0 or not existed or args[2] == '1' then
+    apply_ttl(main, vals, existed, args, made > 0 and VALUES_MADE or VALUES_KEPT)
+  end
+  if existed and met_existing(added, (last - 3) / 3, args, 5, 3) then
+    return { ALREADY_EXISTS }
+  end
+  return { SUCCESS }
 end
 
 -- kv_zadd, kv_zaddval, kv_zmadd, kv_zmaddval:
@@ -280,6 +244,31 @@ local function zadd(keys, args)
   return zadd_plain(keys[1], keys[2], args)
 end
 
+-- The highest score and the member that holds it (of equal scores, the last
+-- in byte order) as ZRANGE's reply, empty for an absent key (Redis keeps no
+-- empty sorted set), or the error for a key of another kind.
+local function top_of(main)
+  return redis.pcall('ZRANGE', main, -1, -1, 'WITHSCORES')
+end
+
+-- The decimal name of a score: whole numbers as integers, in full however
+-- large ("100000000000000000", never "1e+17"; 0 for -0 too), others in the
+-- shortest form that reads back as the same double ("3.5").
+local function score_name(x)
+  if x == 0 then
+    return '0'
+  elseif x == math.floor(x) then
+    return string.format('%.0f', x)
+  end
+  for digits = 1, 17 do
+    local text = string.format('%.' .. digits .. 'g', x)
+    if tonumber(text) == x then
+      return text
+    end
+  end
+  return score_text(x)
+end
+
 -- kv_zaddvalmax: ttl, commit, member, value, increment
 local function zaddvalmax(keys, args)
   local main, vals, member = keys[1], keys[2], args[3]
@@ -291,12 +280,11 @@ local function zaddvalmax(keys, args)
   local score = (existed and tonumber(top[2]) or 0) + tonumber(args[5])
   if score ~= score then
     return { INVALID_PARAMETER }
-  end
-  if not existed and not clear_left_values(vals) then
+  elseif not existed and not clear_left_values(vals) then
     return { WRONG_REPLY }
   end
   local made = redis.pcall('HSET', vals, member, args[4])
-  if failed(made) then
+  if type(made) ~= 'number' then
     return refused(made)
   end
   local added = redis.call('ZADD', main, score_text(score), member)
@@ -319,10 +307,10 @@ local function zaddmaxinc(keys, args)
   end
   local member = score_name(score)
   if existed then
-    -- A member that is not in the set has no value, so this drops a value
-    -- only where the member is there already.
+    -- A member not in the set has no value: this drops one only where the
+    -- member is there already.
     local dropped = redis.pcall('HDEL', vals, member)
-    if failed(dropped) then
+    if type(dropped) ~= 'number' then
       return refused(dropped)
     end
   elseif not clear_left_values(vals) then
@@ -334,18 +322,18 @@ local function zaddmaxinc(keys, args)
 end
 
 -- kv_zadddis beyond the drift, on a set that exists: the set starts again
--- from the new member alone. The key is never emptied on the way, so it
--- keeps its expiry without being told.
+-- from the new member alone. The key never empties on the way, so it keeps
+-- its expiry without being told.
 local function restart(main, vals, args)
   local had_values = redis.pcall('HLEN', vals)
-  if failed(had_values) then
+  if type(had_values) ~= 'number' then
     return refused(had_values)
   end
   local member = args[4]
   local added = redis.call('ZADD', main, args[3], member)
   if tonumber(args[5]) >= 0 then
-    -- Beyond a drift of zero or more the new score is above every other,
-    -- so the member ranks last and everything before it goes.
+    -- Beyond a drift of zero or more the new score is above every other:
+    -- the member ranks last and everything before it goes.
     redis.call('ZREMRANGEBYRANK', main, 0, -2)
   else
     local rank = redis.call('ZRANK', main, member)
@@ -370,21 +358,19 @@ local function zadddis(keys, args)
   local top = top_of(main)
   if top.err then
     return refused(top)
-  end
-  if #top == 0 then
+  elseif #top == 0 then
     if not clear_left_values(vals) then
       return { WRONG_REPLY }
     end
     redis.call('ZADD', main, args[3], args[4])
     apply_ttl(main, vals, false, args, VALUES_NONE)
     return { SUCCESS, false }
-  end
-  if tonumber(args[3]) - tonumber(top[2]) > tonumber(args[5]) then
+  elseif tonumber(args[3]) - tonumber(top[2]) > tonumber(args[5]) then
     return restart(main, vals, args)
   end
   local holder = top[1]
   local dropped = redis.pcall('HDEL', vals, holder)
-  if failed(dropped) then
+  if type(dropped) ~= 'number' then
     return refused(dropped)
   end
   redis.call('ZADD', main, args[3], holder)
@@ -397,34 +383,35 @@ end
 local function zincrby(keys, args)
   local main, vals = keys[1], keys[2]
   local card = redis.pcall('ZCARD', main)
-  if failed(card) then
+  if type(card) ~= 'number' then
     return refused(card)
   end
-  local existed, kind = card > 0, nil
+  local existed, commit, state = card > 0, args[2] == '1', VALUES_KEPT
   if not existed then
     if not clear_left_values(vals) then
       return { WRONG_REPLY }
     end
-    kind = 'none'
-  elseif args[2] == '1' then
+    state = VALUES_NONE
+  elseif commit then
     -- A committed time-to-live moves the values hash's expiry too.
-    kind = kind_of(vals)
-    if not values_kind_ok(kind) then
+    state = values_state(vals)
+    if state == nil then
       return { WRONG_REPLY }
     end
   end
-  -- ZINCRBY refuses a sum that is not a number and leaves the set as it
-  -- was; only a member that exists can get there (inf + -inf).
+  -- ZINCRBY refuses a sum that is not a number (inf + -inf, on a member
+  -- that exists) and leaves the set as it was.
   local new = redis.pcall('ZINCRBY', main, args[4], args[3])
-  if failed(new) then
+  if type(new) == 'table' then
     return { INVALID_PARAMETER }
+  elseif commit or not existed then
+    apply_ttl(main, vals, existed, args, state)
   end
-  apply_ttl(main, vals, existed, args, kind == 'none' and VALUES_NONE or VALUES_KEPT)
   return { SUCCESS, new }
 end
 
--- The answer to a read that found nothing: NOTFOUND when the key does not
--- exist, else `status`.
+-- The answer to a read that found nothing: NOTFOUND for an absent key,
+-- else `status`.
 local function absent_or(main, status)
   if redis.call('EXISTS', main) == 0 then
     return { NOTFOUND }
@@ -435,13 +422,11 @@ end
 -- kv_zscore: member
 local function zscore(keys, args)
   local score = redis.pcall('ZSCORE', keys[1], args[1])
-  if not score then
-    return absent_or(keys[1], NO_SET_KEY)
-  elseif failed(score) then
-    return refused(score)
+  if type(score) ~= 'string' then
+    return score and refused(score) or absent_or(keys[1], NO_SET_KEY)
   end
   local value = redis.pcall('HGET', keys[2], args[1])
-  if failed(value) then
+  if type(value) == 'table' then
     return refused(value)
   end
   return { SUCCESS, score, value }
@@ -450,15 +435,13 @@ end
 -- kv_zrank: member, reverse, with_values
 local function zrank(keys, args)
   local rank = redis.pcall(args[2] == '1' and 'ZREVRANK' or 'ZRANK', keys[1], args[1])
-  if not rank then
-    return absent_or(keys[1], NO_SET_KEY)
-  elseif failed(rank) then
-    return refused(rank)
+  if type(rank) ~= 'number' then
+    return rank and refused(rank) or absent_or(keys[1], NO_SET_KEY)
   end
   local value = false
   if args[3] == '1' then
     value = redis.pcall('HGET', keys[2], args[1])
-    if failed(value) then
+    if type(value) == 'table' then
       return refused(value)
     end
   end
@@ -473,7 +456,7 @@ local function zcount(keys, args)
   else
     n = redis.pcall('ZCOUNT', keys[1], args[1], args[2])
   end
-  if failed(n) then
+  if type(n) ~= 'number' then
     return refused(n)
   end
   return { SUCCESS, n }
@@ -483,9 +466,8 @@ end
 -- items), false for a member without one, or the error for a values hash of
 -- another kind.
 local function values_of(vals, items, step)
-  local count = #items / step
-  local members = items
-  if step ~= 1 then
+  local members, count = items, #items / step
+  if step == 2 then
     members = {}
     for i = 1, count do
       members[i] = items[2 * i - 1]
@@ -515,10 +497,8 @@ end
 -- when scores were asked for, else members) and the members' values in the
 -- same order (false for a member without one; empty unless asked for).
 local function zrange(keys, args)
-  local main = keys[1]
-  local by_score, reverse = args[1] == '1', args[4] == '1'
-  local with_scores = args[5] == '1'
-  local command = { 'ZRANGE', main, args[2], args[3] }
+  local by_score, reverse, with_scores = args[1] == '1', args[4] == '1', args[5] == '1'
+  local command = { 'ZRANGE', keys[1], args[2], args[3] }
   if by_score then
     if reverse then
       -- ZRANGE ... BYSCORE REV takes the bounds high first.
@@ -539,9 +519,8 @@ local function zrange(keys, args)
   local items = redis.pcall(unpack(command))
   if items.err then
     return refused(items)
-  end
-  if #items == 0 then
-    if redis.call('EXISTS', main) == 0 then
+  elseif #items == 0 then
+    if redis.call('EXISTS', keys[1]) == 0 then
       return { NOTFOUND }
     end
     return { SUCCESS, items, {} }
@@ -561,18 +540,27 @@ end
 -- written. A removal that empties the set (which Redis then deletes) takes
 -- the values hash with it.
 local function zrem(keys, args)
-  local main, vals = keys[1], keys[2]
+  local main, vals, last = keys[1], keys[2], #args
   local card = redis.pcall('ZCARD', main)
-  if failed(card) then
+  if type(card) ~= 'number' then
     return refused(card)
   elseif card == 0 then
     return { NOTFOUND, 0 }
   end
-  local dropped = sliced('HDEL', vals, args, 1, #args)
-  if failed(dropped) then
+  local dropped, removed
+  if last == 1 then
+    dropped = redis.pcall('HDEL', vals, args[1])
+  else
+    dropped = sliced('HDEL', vals, args, 1, last)
+  end
+  if type(dropped) ~= 'number' then
     return refused(dropped)
   end
-  local removed = sliced('ZREM', main, args, 1, #args)
+  if last == 1 then
+    removed = redis.call('ZREM', main, args[1])
+  else
+    removed = sliced('ZREM', main, args, 1, last)
+  end
   if removed == card then
     redis.call('DEL', vals)
   end
@@ -582,8 +570,7 @@ end
 -- kv_zremrangebyscore and kv_zremrangebyrank: by_score, low, high.
 -- An absent key counts as an empty set.
 local function zremrange(keys, args)
-  local main, vals = keys[1], keys[2]
-  local by_score = args[1] == '1'
+  local main, vals, by_score = keys[1], keys[2], args[1] == '1'
   local members
   if by_score then
     members = redis.pcall('ZRANGE', main, args[2], args[3], 'BYSCORE')
@@ -596,7 +583,7 @@ local function zremrange(keys, args)
     return { SUCCESS, 0 }
   end
   local dropped = sliced('HDEL', vals, members, 1, #members)
-  if failed(dropped) then
+  if type(dropped) ~= 'number' then
     return refused(dropped)
   end
   -- The same selection as the ZRANGE above: nothing ran in between.
