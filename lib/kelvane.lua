@@ -1,32 +1,25 @@
 #!lua name=@KELVANE_LIBRARY@
 --
--- kelvane.lua -- the server side of every kelvane operation that reads and
--- writes, or needs more than one command: one Redis Functions library. Each
--- function runs atomically, so a call costs one round trip and concurrent
--- clients never see half of an operation. docs/data-layout.md describes the
--- keys.
+-- kelvane.lua -- the server side of the kelvane operations: one Redis
+-- Functions library, one function per operation, each atomic and one round
+-- trip. docs/data-layout.md describes the keys. The build names the library
+-- kelvane_<digest of this file> and each function <library>_<operation>, so
+-- builds with different functions never use or replace each other's.
 --
--- The build names the library kelvane_<version>, the version being a digest
--- of this file, and registers each function as <library>_<operation>
--- (kelvane_<version>_zadd), so builds with different functions never use or
--- replace each other's.
+-- KEYS[1] is the main key: a sorted set (for kv_sadd a plain set); KEYS[2]
+-- the values hash, member -> value. Writes take the time-to-live first: the
+-- seconds, then "1" when committed. Scores arrive as %.17g text and leave as
+-- Redis's own text of a stored score (exact) or through score_text(), never
+-- through Lua's number-to-text (14 digits). Replies are arrays whose first
+-- element is the status, numbered as in the client header.
 --
--- KEYS[1] is the kelvane key's main key: a sorted set (for kv_sadd a plain
--- set) whose Redis type is the key's kind; KEYS[2] is its values hash,
--- member -> value, for the members that have one. Writes take the
--- time-to-live first: the seconds, then "1" when the caller committed them.
--- Scores arrive as text with 17 significant digits and leave as Redis's own
--- text of a stored score (exact) or through score_text(), never through
--- Lua's number-to-text (14 digits). Replies are arrays whose first element
--- is the status, numbered as in the client header.
---
--- A server command costs about as much inside a function as the whole
--- native command does, and FCALL itself about three, so each function makes
--- as few as it can: the first command on each key goes through redis.pcall
--- and doubles as the check of the key's kind, and expiry work runs only
--- where the time-to-live rule changes something. No function writes before
--- it has checked every key it will touch, so a key of the wrong kind (the
--- values hash included) answers WRONG_REPLY and leaves everything as it was.
+-- A server command costs about as much inside a function as a native one,
+-- and FCALL itself about three, so each function makes as few as it can:
+-- the first command on a key goes through redis.pcall and doubles as the
+-- check of its kind, and expiry work runs only where the time-to-live rule
+-- changes something. No function writes before it has checked every key it
+-- will touch, so a key of the wrong kind (the values hash included) answers
+-- WRONG_REPLY and leaves everything as it was.
 
 local LIBRARY = '@KELVANE_LIBRARY@'
 
@@ -50,9 +43,7 @@ end
 -- The answer to a failed first command: a key of the wrong kind is the
 -- caller's WRONG_REPLY; any other error reaches the client as itself.
 local function refused(err)
-  if string.sub(err.err, 1, 9) == 'WRONGTYPE' then
-    return { WRONG_REPLY }
-  end
+  if string.sub(err.err, 1, 9) == 'WRONGTYPE' then return { WRONG_REPLY } end
   return err
 end
 
@@ -63,9 +54,7 @@ local function sliced(command, key, list, first, last)
   local total, call = 0, redis.pcall
   for i = first, last, SLICE do
     local reply = call(command, key, unpack(list, i, math.min(i + SLICE - 1, last)))
-    if type(reply) ~= 'number' then
-      return reply
-    end
+    if type(reply) ~= 'number' then return reply end
     total, call = total + reply, redis.call
   end
   return total
@@ -75,11 +64,8 @@ end
 -- repeated) to a set that existed met one already there: ZADD then added
 -- fewer than the distinct names.
 local function met_existing(added, n, list, first, step)
-  if added == n then
-    return false
-  elseif added == 0 then
-    return true
-  end
+  if added == n then return false end
+  if added == 0 then return true end
   local seen, distinct = {}, 0
   for i = first, #list, step do
     if not seen[list[i]] then
@@ -93,11 +79,8 @@ end
 -- or nil for a key of another kind, which is not ours to touch.
 local function values_state(vals)
   local kind = redis.call('TYPE', vals)['ok']
-  if kind == 'none' then
-    return VALUES_NONE
-  elseif kind == 'hash' then
-    return VALUES_KEPT
-  end
+  if kind == 'none' then return VALUES_NONE end
+  if kind == 'hash' then return VALUES_KEPT end
 end
 
 -- A key this call creates owns no values yet. A values hash left behind (its
@@ -106,9 +89,7 @@ end
 -- state: what values_state() said, when the caller asked already.
 local function clear_left_values(vals, state)
   state = state or values_state(vals)
-  if state == VALUES_KEPT then
-    redis.call('DEL', vals)
-  end
+  if state == VALUES_KEPT then redis.call('DEL', vals) end
   return state ~= nil
 end
 
@@ -120,23 +101,17 @@ local function apply_ttl(main, vals, existed, args, values)
   if existed and args[2] ~= '1' then
     if values == VALUES_MADE then
       local at = redis.call('PEXPIRETIME', main)
-      if at > 0 then
-        redis.call('PEXPIREAT', vals, at)
-      end
+      if at > 0 then redis.call('PEXPIREAT', vals, at) end
     end
     return
   end
   local seconds = tonumber(args[1])
   if seconds > 0 then
     redis.call('EXPIRE', main, seconds)
-    if values ~= VALUES_NONE then
-      redis.call('PEXPIREAT', vals, redis.call('PEXPIRETIME', main))
-    end
+    if values ~= VALUES_NONE then redis.call('PEXPIREAT', vals, redis.call('PEXPIRETIME', main)) end
   elseif existed then
     redis.call('PERSIST', main)
-    if values ~= VALUES_NONE then
-      redis.call('PERSIST', vals)
-    end
+    if values ~= VALUES_NONE then redis.call('PERSIST', vals) end
   end
 end
 
@@ -144,14 +119,10 @@ end
 local function sadd(keys, args)
   local main = keys[1]
   local added = redis.pcall('SADD', main, args[3])
-  if type(added) ~= 'number' then
-    return refused(added)
-  end
+  if type(added) ~= 'number' then return refused(added) end
   -- Only a member new to the set can mean a new set, and then it is alone.
   local created = added == 1 and args[1] ~= '0' and redis.call('SCARD', main) == 1
-  if created or args[2] == '1' then
-    apply_ttl(main, nil, not created, args, VALUES_NONE)
-  end
+  if created or args[2] == '1' then apply_ttl(main, nil, not created, args, VALUES_NONE) end
   return { added == 1 and SUCCESS or ALREADY_EXISTS }
 end
 
@@ -163,24 +134,14 @@ local function zadd_plain(main, vals, args)
   if commit then
     -- A committed time-to-live moves the values hash's expiry too.
     state = values_state(vals)
-    if state == nil then
-      return { WRONG_REPLY }
-    end
+    if state == nil then return { WRONG_REPLY } end
   end
-  local last, added = #args, nil
-  if last == 5 then
-    added = redis.pcall('ZADD', main, args[4], args[5])
-  else
-    added = sliced('ZADD', main, args, 4, last)
-  end
-  if type(added) ~= 'number' then
-    return refused(added)
-  end
+  local last = #args
+  local added = last == 5 and redis.pcall('ZADD', main, args[4], args[5]) or sliced('ZADD', main, args, 4, last)
+  if type(added) ~= 'number' then return refused(added) end
   -- ZADD never removes, so the set existed unless it holds just what came.
   if added == 0 or redis.call('ZCARD', main) > added then
-    if commit then
-      apply_ttl(main, vals, true, args, state)
-    end
+    if commit then apply_ttl(main, vals, true, args, state) end
     return { met_existing(added, (last - 3) / 2, args, 5, 2) and ALREADY_EXISTS or SUCCESS }
   end
   if not clear_left_values(vals, state) then
@@ -197,17 +158,12 @@ end
 -- either key is written.
 local function zadd_values(main, vals, args)
   local card = redis.pcall('ZCARD', main)
-  if type(card) ~= 'number' then
-    return refused(card)
-  elseif card == 0 and not clear_left_values(vals) then
-    return { WRONG_REPLY }
-  end
+  if type(card) ~= 'number' then return refused(card) end
+  if card == 0 and not clear_left_values(vals) then return { WRONG_REPLY } end
   local last, made, added = #args, nil, nil
   if last == 6 then
     made = redis.pcall('HSET', vals, args[5], args[6])
-    if type(made) ~= 'number' then
-      return refused(made)
-    end
+    if type(made) ~= 'number' then return refused(made) end
     added = redis.call('ZADD', main, args[4], args[5])
   else
     local scored, fields, k = {}, {}, 0
@@ -217,9 +173,7 @@ local function zadd_values(main, vals, args)
       k = k + 2
     end
     made = sliced('HSET', vals, fields, 1, k)
-    if type(made) ~= 'number' then
-      return refused(made)
-    end
+    if type(made) ~= 'number' then return refused(made) end
     added = sliced('ZADD', main, scored, 1, k)
   end
   local existed = card > 0
@@ -227,9 +181,7 @@ local function zadd_values(main, vals, args)
   if made > 0 or not existed or args[2] == '1' then
     apply_ttl(main, vals, existed, args, made > 0 and VALUES_MADE or VALUES_KEPT)
   end
-  if existed and met_existing(added, (last - 3) / 3, args, 5, 3) then
-    return { ALREADY_EXISTS }
-  end
+  if existed and met_existing(added, (last - 3) / 3, args, 5, 3) then return { ALREADY_EXISTS } end
   return { SUCCESS }
 end
 
@@ -238,33 +190,32 @@ end
 -- A member that existed before the call makes the status ALREADY_EXISTS; it
 -- keeps its value unless the call gives one.
 local function zadd(keys, args)
-  if args[3] == '1' then
-    return zadd_values(keys[1], keys[2], args)
-  end
+  if args[3] == '1' then return zadd_values(keys[1], keys[2], args) end
   return zadd_plain(keys[1], keys[2], args)
 end
 
--- The highest score and the member that holds it (of equal scores, the last
--- in byte order) as ZRANGE's reply, empty for an absent key (Redis keeps no
--- empty sorted set), or the error for a key of another kind.
-local function top_of(main)
-  return redis.pcall('ZRANGE', main, -1, -1, 'WITHSCORES')
+-- The highest score plus increment and whether the set exists, for the
+-- writes that go past the highest score; or the reply that ends the call (a
+-- key of another kind, a sum that is not a number). Of equal highest scores
+-- ZRANGE names the last member in byte order; Redis keeps no empty sorted
+-- set, so an empty reply means no key.
+local function past_top(main, increment)
+  local top = redis.pcall('ZRANGE', main, -1, -1, 'WITHSCORES')
+  if top.err then return nil, nil, refused(top) end
+  local score = (#top > 0 and tonumber(top[2]) or 0) + increment
+  if score ~= score then return nil, nil, { INVALID_PARAMETER } end
+  return score, #top > 0
 end
 
 -- The decimal name of a score: whole numbers as integers, in full however
 -- large ("100000000000000000", never "1e+17"; 0 for -0 too), others in the
 -- shortest form that reads back as the same double ("3.5").
 local function score_name(x)
-  if x == 0 then
-    return '0'
-  elseif x == math.floor(x) then
-    return string.format('%.0f', x)
-  end
+  if x == 0 then return '0' end
+  if x == math.floor(x) then return string.format('%.0f', x) end
   for digits = 1, 17 do
     local text = string.format('%.' .. digits .. 'g', x)
-    if tonumber(text) == x then
-      return text
-    end
+    if tonumber(text) == x then return text end
   end
   return score_text(x)
 end
@@ -272,21 +223,11 @@ end
 -- kv_zaddvalmax: ttl, commit, member, value, increment
 local function zaddvalmax(keys, args)
   local main, vals, member = keys[1], keys[2], args[3]
-  local top = top_of(main)
-  if top.err then
-    return refused(top)
-  end
-  local existed = #top > 0
-  local score = (existed and tonumber(top[2]) or 0) + tonumber(args[5])
-  if score ~= score then
-    return { INVALID_PARAMETER }
-  elseif not existed and not clear_left_values(vals) then
-    return { WRONG_REPLY }
-  end
+  local score, existed, stop = past_top(main, tonumber(args[5]))
+  if stop then return stop end
+  if not existed and not clear_left_values(vals) then return { WRONG_REPLY } end
   local made = redis.pcall('HSET', vals, member, args[4])
-  if type(made) ~= 'number' then
-    return refused(made)
-  end
+  if type(made) ~= 'number' then return refused(made) end
   local added = redis.call('ZADD', main, score_text(score), member)
   apply_ttl(main, vals, existed, args, made > 0 and VALUES_MADE or VALUES_KEPT)
   return { added == 1 and SUCCESS or ALREADY_EXISTS }
@@ -296,23 +237,14 @@ end
 -- A member already named by the new score takes it and loses its value.
 local function zaddmaxinc(keys, args)
   local main, vals = keys[1], keys[2]
-  local top = top_of(main)
-  if top.err then
-    return refused(top)
-  end
-  local existed = #top > 0
-  local score = (existed and tonumber(top[2]) or 0) + tonumber(args[3])
-  if score ~= score then
-    return { INVALID_PARAMETER }
-  end
+  local score, existed, stop = past_top(main, tonumber(args[3]))
+  if stop then return stop end
   local member = score_name(score)
   if existed then
     -- A member not in the set has no value: this drops one only where the
     -- member is there already.
     local dropped = redis.pcall('HDEL', vals, member)
-    if type(dropped) ~= 'number' then
-      return refused(dropped)
-    end
+    if type(dropped) ~= 'number' then return refused(dropped) end
   elseif not clear_left_values(vals) then
     return { WRONG_REPLY }
   end
@@ -326,9 +258,7 @@ end
 -- its expiry without being told.
 local function restart(main, vals, args)
   local had_values = redis.pcall('HLEN', vals)
-  if type(had_values) ~= 'number' then
-    return refused(had_values)
-  end
+  if type(had_values) ~= 'number' then return refused(had_values) end
   local member = args[4]
   local added = redis.call('ZADD', main, args[3], member)
   if tonumber(args[5]) >= 0 then
@@ -338,13 +268,9 @@ local function restart(main, vals, args)
   else
     local rank = redis.call('ZRANK', main, member)
     redis.call('ZREMRANGEBYRANK', main, rank + 1, -1)
-    if rank > 0 then
-      redis.call('ZREMRANGEBYRANK', main, 0, rank - 1)
-    end
+    if rank > 0 then redis.call('ZREMRANGEBYRANK', main, 0, rank - 1) end
   end
-  if had_values > 0 then
-    redis.call('DEL', vals)
-  end
+  if had_values > 0 then redis.call('DEL', vals) end
   apply_ttl(main, vals, true, args, VALUES_NONE)
   return { added == 1 and SUCCESS or ALREADY_EXISTS, false }
 end
@@ -355,24 +281,18 @@ end
 -- the new score and loses its value, and its name goes back to the caller.
 local function zadddis(keys, args)
   local main, vals = keys[1], keys[2]
-  local top = top_of(main)
-  if top.err then
-    return refused(top)
-  elseif #top == 0 then
-    if not clear_left_values(vals) then
-      return { WRONG_REPLY }
-    end
+  local top = redis.pcall('ZRANGE', main, -1, -1, 'WITHSCORES')
+  if top.err then return refused(top) end
+  if #top == 0 then
+    if not clear_left_values(vals) then return { WRONG_REPLY } end
     redis.call('ZADD', main, args[3], args[4])
     apply_ttl(main, vals, false, args, VALUES_NONE)
     return { SUCCESS, false }
-  elseif tonumber(args[3]) - tonumber(top[2]) > tonumber(args[5]) then
-    return restart(main, vals, args)
   end
+  if tonumber(args[3]) - tonumber(top[2]) > tonumber(args[5]) then return restart(main, vals, args) end
   local holder = top[1]
   local dropped = redis.pcall('HDEL', vals, holder)
-  if type(dropped) ~= 'number' then
-    return refused(dropped)
-  end
+  if type(dropped) ~= 'number' then return refused(dropped) end
   redis.call('ZADD', main, args[3], holder)
   apply_ttl(main, vals, true, args, VALUES_KEPT)
   return { SUCCESS, holder }
@@ -383,82 +303,56 @@ end
 local function zincrby(keys, args)
   local main, vals = keys[1], keys[2]
   local card = redis.pcall('ZCARD', main)
-  if type(card) ~= 'number' then
-    return refused(card)
-  end
+  if type(card) ~= 'number' then return refused(card) end
   local existed, commit, state = card > 0, args[2] == '1', VALUES_KEPT
   if not existed then
-    if not clear_left_values(vals) then
-      return { WRONG_REPLY }
-    end
+    if not clear_left_values(vals) then return { WRONG_REPLY } end
     state = VALUES_NONE
   elseif commit then
     -- A committed time-to-live moves the values hash's expiry too.
     state = values_state(vals)
-    if state == nil then
-      return { WRONG_REPLY }
-    end
+    if state == nil then return { WRONG_REPLY } end
   end
   -- ZINCRBY refuses a sum that is not a number (inf + -inf, on a member
   -- that exists) and leaves the set as it was.
   local new = redis.pcall('ZINCRBY', main, args[4], args[3])
-  if type(new) == 'table' then
-    return { INVALID_PARAMETER }
-  elseif commit or not existed then
-    apply_ttl(main, vals, existed, args, state)
-  end
+  if type(new) == 'table' then return { INVALID_PARAMETER } end
+  if commit or not existed then apply_ttl(main, vals, existed, args, state) end
   return { SUCCESS, new }
 end
 
 -- The answer to a read that found nothing: NOTFOUND for an absent key,
 -- else `status`.
 local function absent_or(main, status)
-  if redis.call('EXISTS', main) == 0 then
-    return { NOTFOUND }
-  end
+  if redis.call('EXISTS', main) == 0 then return { NOTFOUND } end
   return { status }
 end
 
 -- kv_zscore: member
 local function zscore(keys, args)
   local score = redis.pcall('ZSCORE', keys[1], args[1])
-  if type(score) ~= 'string' then
-    return score and refused(score) or absent_or(keys[1], NO_SET_KEY)
-  end
+  if type(score) ~= 'string' then return score and refused(score) or absent_or(keys[1], NO_SET_KEY) end
   local value = redis.pcall('HGET', keys[2], args[1])
-  if type(value) == 'table' then
-    return refused(value)
-  end
+  if type(value) == 'table' then return refused(value) end
   return { SUCCESS, score, value }
 end
 
 -- kv_zrank: member, reverse, with_values
 local function zrank(keys, args)
   local rank = redis.pcall(args[2] == '1' and 'ZREVRANK' or 'ZRANK', keys[1], args[1])
-  if type(rank) ~= 'number' then
-    return rank and refused(rank) or absent_or(keys[1], NO_SET_KEY)
-  end
+  if type(rank) ~= 'number' then return rank and refused(rank) or absent_or(keys[1], NO_SET_KEY) end
   local value = false
   if args[3] == '1' then
     value = redis.pcall('HGET', keys[2], args[1])
-    if type(value) == 'table' then
-      return refused(value)
-    end
+    if type(value) == 'table' then return refused(value) end
   end
   return { SUCCESS, rank, value }
 end
 
 -- kv_zcard and kv_zcount: [min, max]. An absent key counts as empty.
 local function zcount(keys, args)
-  local n
-  if #args == 0 then
-    n = redis.pcall('ZCARD', keys[1])
-  else
-    n = redis.pcall('ZCOUNT', keys[1], args[1], args[2])
-  end
-  if type(n) ~= 'number' then
-    return refused(n)
-  end
+  local n = #args == 0 and redis.pcall('ZCARD', keys[1]) or redis.pcall('ZCOUNT', keys[1], args[1], args[2])
+  if type(n) ~= 'number' then return refused(n) end
   return { SUCCESS, n }
 end
 
@@ -469,22 +363,14 @@ local function values_of(vals, items, step)
   local members, count = items, #items / step
   if step == 2 then
     members = {}
-    for i = 1, count do
-      members[i] = items[2 * i - 1]
-    end
+    for i = 1, count do members[i] = items[2 * i - 1] end
   end
-  if count <= SLICE then
-    return redis.pcall('HMGET', vals, unpack(members))
-  end
+  if count <= SLICE then return redis.pcall('HMGET', vals, unpack(members)) end
   local values = {}
   for first = 1, count, SLICE do
     local got = redis.pcall('HMGET', vals, unpack(members, first, math.min(first + SLICE - 1, count)))
-    if got.err then
-      return got
-    end
-    for i = 1, #got do
-      values[first + i - 1] = got[i]
-    end
+    if got.err then return got end
+    for i = 1, #got do values[first + i - 1] = got[i] end
   end
   return values
 end
@@ -500,37 +386,26 @@ local function zrange(keys, args)
   local by_score, reverse, with_scores = args[1] == '1', args[4] == '1', args[5] == '1'
   local command = { 'ZRANGE', keys[1], args[2], args[3] }
   if by_score then
-    if reverse then
-      -- ZRANGE ... BYSCORE REV takes the bounds high first.
-      command[3], command[4] = args[3], args[2]
-    end
+    -- ZRANGE ... BYSCORE REV takes the bounds high first.
+    if reverse then command[3], command[4] = args[3], args[2] end
     command[5] = 'BYSCORE'
   end
-  if reverse then
-    command[#command + 1] = 'REV'
-  end
+  if reverse then command[#command + 1] = 'REV' end
   if by_score and args[7] ~= '' then
     local k = #command
     command[k + 1], command[k + 2], command[k + 3] = 'LIMIT', args[7], args[8]
   end
-  if with_scores then
-    command[#command + 1] = 'WITHSCORES'
-  end
+  if with_scores then command[#command + 1] = 'WITHSCORES' end
   local items = redis.pcall(unpack(command))
-  if items.err then
-    return refused(items)
-  elseif #items == 0 then
-    if redis.call('EXISTS', keys[1]) == 0 then
-      return { NOTFOUND }
-    end
+  if items.err then return refused(items) end
+  if #items == 0 then
+    if redis.call('EXISTS', keys[1]) == 0 then return { NOTFOUND } end
     return { SUCCESS, items, {} }
   end
   local values = {}
   if args[6] == '1' then
     values = values_of(keys[2], items, with_scores and 2 or 1)
-    if values.err then
-      return refused(values)
-    end
+    if values.err then return refused(values) end
   end
   return { SUCCESS, items, values }
 end
@@ -542,28 +417,13 @@ end
 local function zrem(keys, args)
   local main, vals, last = keys[1], keys[2], #args
   local card = redis.pcall('ZCARD', main)
-  if type(card) ~= 'number' then
-    return refused(card)
-  elseif card == 0 then
-    return { NOTFOUND, 0 }
-  end
-  local dropped, removed
-  if last == 1 then
-    dropped = redis.pcall('HDEL', vals, args[1])
-  else
-    dropped = sliced('HDEL', vals, args, 1, last)
-  end
-  if type(dropped) ~= 'number' then
-    return refused(dropped)
-  end
-  if last == 1 then
-    removed = redis.call('ZREM', main, args[1])
-  else
-    removed = sliced('ZREM', main, args, 1, last)
-  end
-  if removed == card then
-    redis.call('DEL', vals)
-  end
+  if type(card) ~= 'number' then return refused(card) end
+  if card == 0 then return { NOTFOUND, 0 } end
+  -- (and/or: a number or an error table is never false)
+  local dropped = last == 1 and redis.pcall('HDEL', vals, args[1]) or sliced('HDEL', vals, args, 1, last)
+  if type(dropped) ~= 'number' then return refused(dropped) end
+  local removed = last == 1 and redis.call('ZREM', main, args[1]) or sliced('ZREM', main, args, 1, last)
+  if removed == card then redis.call('DEL', vals) end
   return { removed > 0 and SUCCESS or NOTFOUND, removed }
 end
 
@@ -571,26 +431,15 @@ end
 -- An absent key counts as an empty set.
 local function zremrange(keys, args)
   local main, vals, by_score = keys[1], keys[2], args[1] == '1'
-  local members
-  if by_score then
-    members = redis.pcall('ZRANGE', main, args[2], args[3], 'BYSCORE')
-  else
-    members = redis.pcall('ZRANGE', main, args[2], args[3])
-  end
-  if members.err then
-    return refused(members)
-  elseif #members == 0 then
-    return { SUCCESS, 0 }
-  end
+  local members = by_score and redis.pcall('ZRANGE', main, args[2], args[3], 'BYSCORE')
+    or redis.pcall('ZRANGE', main, args[2], args[3])
+  if members.err then return refused(members) end
+  if #members == 0 then return { SUCCESS, 0 } end
   local dropped = sliced('HDEL', vals, members, 1, #members)
-  if type(dropped) ~= 'number' then
-    return refused(dropped)
-  end
+  if type(dropped) ~= 'number' then return refused(dropped) end
   -- The same selection as the ZRANGE above: nothing ran in between.
   local removed = redis.call(by_score and 'ZREMRANGEBYSCORE' or 'ZREMRANGEBYRANK', main, args[2], args[3])
-  if redis.call('EXISTS', main) == 0 then
-    redis.call('DEL', vals)
-  end
+  if redis.call('EXISTS', main) == 0 then redis.call('DEL', vals) end
   return { SUCCESS, removed }
 end
 
