@@ -1,5 +1,5 @@
-// Reads and removals: range edges, binary data, result buffers, values that go with their members, and where
-// keys live on the server.
+// Reads and removals: range edges, binary data, result buffers, values that go with their members, a values hash
+// of another kind, and where keys live on the server.
 #include <functional>
 #include <tuple>
 
