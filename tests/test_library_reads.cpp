@@ -1,5 +1,5 @@
-// Reads and removals: range edges, binary data, result buffers, values that go with their members, and where
-// keys live on the server.
+// Reads and removals: range edges, binary data, result buffers, values that go with their members, a values hash
+// of another kind, and where keys live on the server.
 #include <functional>
 #include <tuple>
 
@@ -141,6 +141,40 @@ TEST_F(Removals, ValuesGoWithTheirMembersAndTheLastMemberTakesBothKeys) {
         EXPECT_EQ(removed, 2u);
         EXPECT_EQ(redis({"EXISTS", "kv{z}", "kv{z}:v"}), "0");
     }
+}
+
+TEST_F(Removals, AValuesHashOfAnotherKindStopsThemAndEveryReadOfValues) {
+    ASSERT_EQ(zaddval("f", 1, "a", "va"), KV_SUCCESS);
+    ASSERT_EQ(zadd("f", 2, "b"), KV_SUCCESS);
+    redis({"DEL", "kv{f}:v"});
+    redis({"SET", "kv{f}:v", "foreign"});
+    // Reads that need no value still work.
+    uint32_t n = 0;
+    EXPECT_EQ(kv_zcount(client_, "f", 1, -kInf, kInf, &n), KV_SUCCESS);
+    EXPECT_EQ(n, 2u);
+    EXPECT_EQ(kv_zrank(client_, "f", 1, "b", 1, &n, 0), KV_SUCCESS);
+    EXPECT_EQ(n, 1u);
+    Range bare = read([&](RangeOut& o) {
+        o.s = nullptr, o.v = nullptr, o.vl = nullptr;
+        return kv_zrange(client_, "f", 1, 0, -1, &o.m, &o.n, &o.ml, 0);
+    });
+    EXPECT_EQ(bare.members, (Strings{"a", "b"}));
+    char* value = reinterpret_cast<char*>(RangeOut::junk);
+    size_t len = 5;
+    EXPECT_EQ(kv_zrank(client_, "f", 1, "a", 1, &n, ZSET_WITH_VALUES, &value, &len), KV_WRONG_REPLY);
+    EXPECT_TRUE(value == nullptr && len == 0);
+    uint32_t removed[3] = {9, 9, 9};
+    const char* const both[] = {"a", "b"};
+    const size_t ones[] = {1, 1};
+    for (int32_t status : {score_of("f", "a").status, range("f", 0, -1).status, by_score("f", 0, 9).status,
+                           kv_zrem(client_, "f", 1, "a", 1), kv_zmrem(client_, "f", 1, both, 2, ones, &removed[0]),
+                           kv_zremrangebyscore(client_, "f", 1, -kInf, kInf, &removed[1]),
+                           kv_zremrangebyrank(client_, "f", 1, 0, 0, &removed[2])}) {
+        EXPECT_EQ(status, KV_WRONG_REPLY);
+    }
+    EXPECT_TRUE(removed[0] == 0 && removed[1] == 0 && removed[2] == 0);
+    EXPECT_EQ(redis({"ZRANGE", "kv{f}", "0", "-1", "WITHSCORES"}), "a,1,b,2");
+    EXPECT_EQ(redis({"GET", "kv{f}:v"}), "foreign");
 }
 
 TEST_F(KeyLayout, BracesPercentZeroBytesAndTheEmptyKeyStayApart) {

@@ -1,8 +1,9 @@
-// Writes: what zset's time-to-live cases leave out, keys of the other kind, batches, the highest-score writes,
-// drift, and scores bit for bit.
+// Writes: what zset's time-to-live cases leave out, keys of the other kind, values hashes that are not what they
+// should be, a full server, batches, the highest-score writes, drift, and scores bit for bit.
 #include <cfloat>
 #include <cstring>
 #include <functional>
+#include <set>
 #include <tuple>
 
 #include "library_fixture.h"
@@ -12,6 +13,8 @@ namespace {
 
 using TimeToLive = LibraryTest;
 using KeyKinds = LibraryTest;
+using ValuesHash = LibraryTest;
+using FullServer = LibraryTest;
 using Writes = LibraryTest;
 
 // One write of each kind; step makes successive calls differ where needed.
@@ -38,6 +41,9 @@ const std::vector<Write> kSortedWrites = {
 const Write kSadd = {"sadd", [](kv_client* c, const std::string& k, int32_t t, int) { return kv_sadd(c, k.data(), k.size(), "m", 1, t); }};
 
 bool landed(int32_t status) { return status == KV_SUCCESS || status == KV_ALREADY_EXISTS; }
+
+// The writes that put or drop a value whatever their time-to-live.
+const std::set<std::string> kValueWrites = {"zaddval", "zmaddval", "zaddvalmax", "zaddmaxinc", "zadddis"};
 
 TEST_F(TimeToLive, ZeroCommittedZeroNegativeAndTheValuesHash) {
     std::vector<Write> writes = kSortedWrites;
@@ -88,6 +94,78 @@ TEST_F(KeyKinds, TheOtherKindIsRefusedAndLeftAlone) {
     EXPECT_TRUE(ttl_is("sorted", 100));
 }
 
+TEST_F(ValuesHash, OfAnotherKindStopsEveryWriteThatWouldTouchItBeforeAnythingChanges) {
+    // Every write touches the hash when it moves the expiry (committed) or makes the set (a hash left behind goes);
+    // those that put or drop a value touch it always.
+    for (const Write& w : kSortedWrites) {
+        SCOPED_TRACE(w.name);
+        const std::string held = std::string("held-") + w.name, fresh = std::string("fresh-") + w.name;
+        const std::string main = "kv{" + held + "}";
+        ASSERT_EQ(zadd(held, 1, "m", 100), KV_SUCCESS);
+        redis({"SET", main + ":v", "foreign"});
+        redis({"SET", "kv{" + fresh + "}:v", "foreign"});
+        const std::string before = redis({"ZRANGE", main, "0", "-1", "WITHSCORES"}) + redis({"PEXPIRETIME", main});
+        EXPECT_EQ(w.call(client_, held, COMMIT_TTL(5), 7), KV_WRONG_REPLY);
+        EXPECT_EQ(w.call(client_, fresh, 5, 7), KV_WRONG_REPLY);
+        if (kValueWrites.count(w.name)) EXPECT_EQ(w.call(client_, held, 5, 7), KV_WRONG_REPLY);
+        EXPECT_EQ(redis({"ZRANGE", main, "0", "-1", "WITHSCORES"}) + redis({"PEXPIRETIME", main}), before);
+        EXPECT_EQ(redis({"EXISTS", "kv{" + fresh + "}"}), "0");
+        EXPECT_EQ(redis({"MGET", main + ":v", "kv{" + fresh + "}:v"}), "foreign,foreign");
+    }
+    char* kept = reinterpret_cast<char*>(RangeOut::junk);  // within the drift the holder would lose its value
+    EXPECT_EQ(kv_zadddis(client_, "held-zadd", 9, 1.5, "n", 1, 5, &kept, 0), KV_WRONG_REPLY);
+    EXPECT_EQ(kept, nullptr);
+    EXPECT_EQ(redis({"ZRANGE", "kv{held-zadd}", "0", "-1", "WITHSCORES"}), "m,1");
+}
+
+TEST_F(ValuesHash, LeftWithoutItsSetItGoesWhenAWriteMakesTheSetAgain) {
+    for (const Write& w : kSortedWrites) {
+        SCOPED_TRACE(w.name);
+        const std::string key = std::string("left-") + w.name, values = "kv{" + key + "}:v";
+        redis({"HSET", values, "m", "stale", "n", "stale", "1", "stale"});
+        ASSERT_TRUE(landed(w.call(client_, key, 0, 0)));
+        EXPECT_EQ(redis({"HVALS", values}).find("stale"), std::string::npos);
+    }
+}
+
+TEST_F(TimeToLive, AValuesHashAWriteMakesExpiresWithItsSet) {
+    for (const Write& w : kSortedWrites) {
+        if (std::set<std::string>{"zaddval", "zmaddval", "zaddvalmax"}.count(w.name) == 0) continue;
+        SCOPED_TRACE(w.name);
+        const std::string held = std::string("held-") + w.name, fresh = std::string("fresh-") + w.name;
+        ASSERT_EQ(zadd(held, 0, "x", 100), KV_SUCCESS);  // a set with an expiry and no values yet
+        ASSERT_TRUE(landed(w.call(client_, held, 0, 1)));
+        ASSERT_TRUE(landed(w.call(client_, fresh, 100, 1)));
+        for (const std::string& key : {held, fresh}) {
+            const std::string main = "kv{" + key + "}";
+            EXPECT_NE(redis({"PEXPIRETIME", main}), "-1") << key;
+            EXPECT_EQ(redis({"PEXPIRETIME", main + ":v"}), redis({"PEXPIRETIME", main})) << key;
+        }
+    }
+}
+
+TEST_F(FullServer, WritesAreRefusedWhileReadsAndRemovalsWork) {
+    ASSERT_EQ(zaddval("full", 1, "a", "va", 100), KV_SUCCESS);
+    ASSERT_EQ(zaddval("full", 2, "b", "vb"), KV_SUCCESS);
+    ASSERT_EQ(redis({"CONFIG", "SET", "maxmemory-policy", "noeviction"}), "OK");
+    ASSERT_EQ(redis({"CONFIG", "SET", "maxmemory", "1"}), "OK");
+    std::vector<Write> writes = kSortedWrites;
+    writes.push_back(kSadd);
+    for (const Write& w : writes) {
+        EXPECT_FALSE(landed(w.call(client_, "full", COMMIT_TTL(5), 1))) << w.name;
+        EXPECT_FALSE(landed(w.call(client_, std::string("new-") + w.name, 0, 1))) << w.name;
+    }
+    EXPECT_EQ(redis({"DBSIZE"}), "2");
+    EXPECT_EQ(score_of("full", "b").value, "vb");
+    EXPECT_EQ(range("full", 0, -1).values, (Values{"va", "vb"}));
+    EXPECT_TRUE(ttl_is("full", 100));
+    uint32_t removed = 0;
+    EXPECT_EQ(kv_zrem(client_, "full", 4, "a", 1), KV_SUCCESS);
+    EXPECT_EQ(kv_zremrangebyrank(client_, "full", 4, 0, -1, &removed), KV_SUCCESS);
+    EXPECT_EQ(removed, 1u);
+    EXPECT_EQ(redis({"DBSIZE"}), "0");
+}
+
 TEST_F(Writes, DuplicatesKeepOrReplaceValuesAndBatchesLandWhole) {
     ASSERT_EQ(zaddval("d", 1, "a", "va"), KV_SUCCESS);
     EXPECT_EQ(zadd("d", 2, "a"), KV_ALREADY_EXISTS);
@@ -129,9 +207,17 @@ TEST_F(Writes, LargeBatchWithValuesRoundTrips) {
     ASSERT_EQ(all.members, names);
     EXPECT_EQ(all.scores, scores);
     EXPECT_EQ(all.values, Values(values.begin(), values.end()));
+    Range bare = read([&](RangeOut& o) {
+        o.s = nullptr;
+        return kv_zrange(client_, "big", 3, 0, -1, &o.m, &o.n, &o.ml, ZSET_WITH_VALUES, &o.v, &o.vl);
+    });
+    EXPECT_EQ(bare.values, all.values);
     uint32_t removed = 0;
+    EXPECT_EQ(kv_zremrangebyrank(client_, "big", 3, 0, n - 501, &removed), KV_SUCCESS);
+    EXPECT_EQ(removed, uint32_t(n - 500));
+    EXPECT_EQ(redis({"HLEN", "kv{big}:v"}), "500");
     EXPECT_EQ(kv_zmrem(client_, "big", 3, mp.data(), n, ml.data(), &removed), KV_SUCCESS);
-    EXPECT_EQ(removed, uint32_t(n));
+    EXPECT_EQ(removed, 500u);
     EXPECT_EQ(redis({"EXISTS", "kv{big}", "kv{big}:v"}), "0");
 }
 
@@ -172,6 +258,16 @@ TEST_F(Writes, AddWithDriftMovesTheLastHolderOrStartsAgainKeepingTheExpiry) {
 
     EXPECT_EQ(dis(100, "low"), std::pair(KV_ALREADY_EXISTS, std::string()));
     EXPECT_EQ(range("dr", 0, -1).members, Strings{"low"});
+    EXPECT_EQ(redis({"EXISTS", "kv{dr}:v"}), "0");
+    EXPECT_TRUE(ttl_is("dr", 100));
+
+    // Below zero, a score under the highest can be beyond the drift: members on both sides of it go.
+    ASSERT_EQ(zaddval("dr", 200, "top", "vt"), KV_SUCCESS);
+    ASSERT_EQ(zaddval("dr", 50, "bottom", "vb"), KV_SUCCESS);
+    char* kept = reinterpret_cast<char*>(RangeOut::junk);
+    EXPECT_EQ(kv_zadddis(client_, "dr", 2, 150, "mid", 3, -60, &kept, 0), KV_SUCCESS);
+    EXPECT_EQ(kept, nullptr);
+    EXPECT_EQ(range("dr", 0, -1).members, Strings{"mid"});
     EXPECT_EQ(redis({"EXISTS", "kv{dr}:v"}), "0");
     EXPECT_TRUE(ttl_is("dr", 100));
 }
