@@ -9,14 +9,17 @@
 namespace kelvane_test {
 namespace {
 
-// The documented minimal ACL of a kelvane user: the commands the client sends itself (FCALL, FUNCTION LIST, DEL,
-// PTTL; HELLO and AUTH need no right), every command the server functions call, and kelvane's keys alone.
+// The documented minimal ACL of a kelvane user (docs/design.md): the commands the client sends itself (FCALL,
+// FUNCTION LIST, DEL, PTTL; HELLO and AUTH need no right), every command the server functions call, and kelvane's
+// keys alone.
 const Strings kMinimalAcl = {
     "~kv{*",
     "+fcall", "+function|list", "+del", "+pttl",
-    "+type", "+exists", "+expire", "+pexpireat", "+pexpiretime", "+persist",
-    "+sadd", "+zadd", "+zincrby", "+zscore", "+zrank", "+zrevrank", "+zcard", "+zcount", "+zrange", "+zrem",
-    "+hset", "+hget", "+hmget", "+hdel",
+    "+exists", "+type", "+expire", "+pexpireat", "+pexpiretime", "+persist",
+    "+sadd", "+scard",
+    "+zadd", "+zcard", "+zcount", "+zincrby", "+zrange", "+zrank", "+zrevrank", "+zrem", "+zremrangebyrank",
+    "+zremrangebyscore", "+zscore",
+    "+hdel", "+hget", "+hlen", "+hmget", "+hset",
 };
 constexpr const char* kPassword = "pw-8d1f";
 

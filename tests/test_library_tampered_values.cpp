@@ -1,6 +1,8 @@
-// A values hash that someone else made another type (a string) while its sorted set stays: every write, every
-// read that needs values and every removal answers KV_WRONG_REPLY and leaves both server keys exactly as they
-// were; none of them half-applies. kv_del still clears the key.
+// A values hash that someone else made another type (a string) while its sorted set stays: every write that
+// would touch the hash, every read that needs values and every removal answers KV_WRONG_REPLY and leaves both
+// server keys exactly as they were; none of them half-applies. Writes that never touch the hash (a member without
+// a value, an increment, on the existing set with a plain time-to-live) land on the set alone and leave the
+// foreign hash as it was. kv_del still clears the key.
 #include <functional>
 
 #include "library_fixture.h"
@@ -34,7 +36,7 @@ protected:
     }
 };
 
-TEST_F(TamperedValues, WritesAreRefusedWholeAndChangeNothing) {
+TEST_F(TamperedValues, WritesThatTouchValuesAreRefusedWholeOthersLeaveTheHashAlone) {
     // A name handed back on an unexpected success is released, so only the status tells.
     bool named = false;
     const auto add_with_drift = [&](double score) {
@@ -45,18 +47,31 @@ TEST_F(TamperedValues, WritesAreRefusedWholeAndChangeNothing) {
         return status;
     };
     double score = 42;
-    refused_whole({
+    const std::string foreign = server_view("kv{k}:v");
+    const std::vector<std::pair<const char*, std::function<int32_t()>>> set_only = {
         {"zadd new member", [&] { return zadd("k", 4, "d"); }},
         {"zadd existing member", [&] { return zadd("k", 9, "a"); }},
+        {"zmadd", [&] { return kv_zmadd(client_, "k", 1, kScores, kNames, 2, kTwos, 0); }},
+        {"zincrby", [&] { return kv_zincrby(client_, "k", 1, "a", 1, 1, &score, 0); }},
+    };
+    for (const auto& [name, call] : set_only) {
+        const int32_t status = call();
+        EXPECT_TRUE(status == KV_SUCCESS || status == KV_ALREADY_EXISTS) << name << ": " << status;
+        EXPECT_EQ(server_view("kv{k}:v"), foreign) << name << " touched the foreign values hash";
+    }
+    EXPECT_EQ(score, 10);
+    EXPECT_EQ(server_view("kv{k}"), "kv{k}: zset [b,2,c,3,d,4,n1,7,n2,8,a,10] expires -1");
+    refused_whole({
+        {"zadd committing a time-to-live", [&] { return zadd("k", 5, "e", COMMIT_TTL(60)); }},
         {"zaddval", [&] { return zaddval("k", 4, "d", "vd"); }},
         {"zaddval committing a time-to-live", [&] { return zaddval("k", 4, "d", "vd", COMMIT_TTL(60)); }},
-        {"zmadd", [&] { return kv_zmadd(client_, "k", 1, kScores, kNames, 2, kTwos, 0); }},
         {"zmaddval", [&] { return kv_zmaddval(client_, "k", 1, kScores, kNames, 2, kTwos, kNames, kTwos, 0); }},
         {"zaddvalmax", [&] { return kv_zaddvalmax(client_, "k", 1, "d", 1, "vd", 2, 1, 0); }},
         {"zaddmaxinc", [&] { return kv_zaddmaxinc(client_, "k", 1, 1, 0); }},
         {"zadddis within the drift", [&] { return add_with_drift(3.5); }},
         {"zadddis beyond the drift", [&] { return add_with_drift(100); }},
-        {"zincrby", [&] { return kv_zincrby(client_, "k", 1, "a", 1, 1, &score, 0); }},
+        {"zincrby committing a time-to-live", [&] {
+             return kv_zincrby(client_, "k", 1, "a", 1, 1, &score, COMMIT_TTL(60)); }},
     });
     EXPECT_FALSE(named) << "a refused zadddis handed back a name";
     EXPECT_EQ(score, 0);
