@@ -431,6 +431,15 @@ end
 -- An absent key counts as an empty set.
 local function zremrange(keys, args)
   local main, vals, by_score = keys[1], keys[2], args[1] == '1'
+  local remove = by_score and 'ZREMRANGEBYSCORE' or 'ZREMRANGEBYRANK'
+  local kind = values_state(vals)
+  if kind == nil then return { WRONG_REPLY } end
+  if kind == VALUES_NONE then
+    -- No values to drop with the members: the native removal is all of it.
+    local removed = redis.pcall(remove, main, args[2], args[3])
+    if type(removed) ~= 'number' then return refused(removed) end
+    return { SUCCESS, removed }
+  end
   local members = by_score and redis.pcall('ZRANGE', main, args[2], args[3], 'BYSCORE')
     or redis.pcall('ZRANGE', main, args[2], args[3])
   if members.err then return refused(members) end
@@ -438,7 +447,7 @@ local function zremrange(keys, args)
   local dropped = sliced('HDEL', vals, members, 1, #members)
   if type(dropped) ~= 'number' then return refused(dropped) end
   -- The same selection as the ZRANGE above: nothing ran in between.
-  local removed = redis.call(by_score and 'ZREMRANGEBYSCORE' or 'ZREMRANGEBYRANK', main, args[2], args[3])
+  local removed = redis.call(remove, main, args[2], args[3])
   if redis.call('EXISTS', main) == 0 then redis.call('DEL', vals) end
   return { SUCCESS, removed }
 end
