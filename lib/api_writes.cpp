@@ -1,5 +1,6 @@
 // api_writes.cpp -- the sorted-set writes. Each is one call of a server
-// function (kelvane.lua), which applies the time-to-live rule.
+// function (functions/writes.lua, functions/relative_writes.lua), which
+// applies the time-to-live rule.
 #include "api_common.h"
 #include "memory_manager.h"
 

@@ -1,0 +1,84 @@
+-- writes.lua -- adding members: kv_sadd, and kv_zadd with its batch and
+-- value-carrying forms.
+
+-- kv_sadd: ttl, commit, member. A plain set owns no values hash.
+local function sadd(keys, args)
+  local main = keys[1]
+  local added = redis.pcall('SADD', main, args[3])
+  if type(added) ~= 'number' then return refused(added) end
+  -- Only a member new to the set can mean a new set, and then it is alone.
+  local created = added == 1 and args[1] ~= '0' and redis.call('SCARD', main) == 1
+  if created or args[2] == '1' then apply_ttl(main, nil, not created, args, VALUES_NONE) end
+  return { added == 1 and SUCCESS or ALREADY_EXISTS }
+end
+
+-- kv_zadd and kv_zmadd: ttl, commit, "0", then score, member per member.
+-- A member is in the values hash only while it is in the set, so a new
+-- member has no value and an add without values leaves the hash alone.
+local function zadd_plain(main, vals, args)
+  local commit, state = args[2] == '1', nil
+  if commit then
+    -- A committed time-to-live moves the values hash's expiry too.
+    state = values_state(vals)
+    if state == nil then return { WRONG_REPLY } end
+  end
+  local last = #args
+  local added = last == 5 and redis.pcall('ZADD', main, args[4], args[5]) or sliced('ZADD', main, args, 4, last)
+  if type(added) ~= 'number' then return refused(added) end
+  -- ZADD never removes, so the set existed unless it holds just what came.
+  if added == 0 or redis.call('ZCARD', main) > added then
+    if commit then apply_ttl(main, vals, true, args, state) end
+    return { met_existing(added, (last - 3) / 2, args, 5, 2) and ALREADY_EXISTS or SUCCESS }
+  end
+  if not clear_left_values(vals, state) then
+    -- The set is this call's own: deleting it leaves the key as it was.
+    redis.call('DEL', main)
+    return { WRONG_REPLY }
+  end
+  apply_ttl(main, vals, false, args, VALUES_NONE)
+  return { SUCCESS }
+end
+
+-- kv_zaddval and kv_zmaddval: ttl, commit, "1", then score, member, value
+-- per member. The values go first: HSET checks the hash's kind before
+-- either key is written.
+local function zadd_values(main, vals, args)
+  local card = redis.pcall('ZCARD', main)
+  if type(card) ~= 'number' then return refused(card) end
+  if card == 0 and not clear_left_values(vals) then return { WRONG_REPLY } end
+  local last, made, added = #args, nil, nil
+  if last == 6 then
+    made = redis.pcall('HSET', vals, args[5], args[6])
+    if type(made) ~= 'number' then return refused(made) end
+    added = redis.call('ZADD', main, args[4], args[5])
+  else
+    local scored, fields, k = {}, {}, 0
+    for i = 4, last, 3 do
+      scored[k + 1], scored[k + 2] = args[i], args[i + 1]
+      fields[k + 1], fields[k + 2] = args[i + 1], args[i + 2]
+      k = k + 2
+    end
+    made = sliced('HSET', vals, fields, 1, k)
+    if type(made) ~= 'number' then return refused(made) end
+    added = sliced('ZADD', main, scored, 1, k)
+  end
+  local existed = card > 0
+  -- New fields may mean a new hash, which must take the set's expiry.
+  if made > 0 or not existed or args[2] == '1' then
+    apply_ttl(main, vals, existed, args, made > 0 and VALUES_MADE or VALUES_KEPT)
+  end
+  if existed and met_existing(added, (last - 3) / 3, args, 5, 3) then return { ALREADY_EXISTS } end
+  return { SUCCESS }
+end
+
+-- kv_zadd, kv_zaddval, kv_zmadd, kv_zmaddval:
+-- ttl, commit, with_values ("1"/"0"), then per member: score, member[, value].
+-- A member that existed before the call makes the status ALREADY_EXISTS; it
+-- keeps its value unless the call gives one.
+local function zadd(keys, args)
+  if args[3] == '1' then return zadd_values(keys[1], keys[2], args) end
+  return zadd_plain(keys[1], keys[2], args)
+end
+
+register('sadd', sadd)
+register('zadd', zadd)
