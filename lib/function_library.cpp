@@ -26,6 +26,7 @@ Found find_library(const Value& list) {
 int32_t status_of_error(std::string_view error) {
     const ErrorKind kind = classify_error(error).kind;
     if (kind == ErrorKind::read_only) return kNodeIsReplica;
+    if (kind == ErrorKind::busy) return kNodeIsBusy;
     return status_of(kind);
 }
 

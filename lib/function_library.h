@@ -25,11 +25,15 @@ extern const char* const kFunctionLibraryName;  // kelvane_<version>
 // Returned by ensure_function_library() when the node turned out to be a
 // replica (READONLY): the caller asks the cluster where to go instead.
 inline constexpr int32_t kNodeIsReplica = -1;
+// Returned when the node cannot take commands yet (LOADING its data after a
+// restart, BUSY with a script): the caller waits and tries again.
+inline constexpr int32_t kNodeIsBusy = -2;
 
 // Checks that the node holds our library, loading it when it is missing.
 // KV_SUCCESS; KV_LIBRARY_MISMATCH when a library of our name holds other
 // code or another library already defines one of our function names;
-// KV_NOT_PERMITTED, KV_SERVER_FULL, kNodeIsReplica, or a transport status.
+// KV_NOT_PERMITTED, KV_SERVER_FULL, kNodeIsReplica, kNodeIsBusy, or a
+// transport status.
 int32_t ensure_function_library(NodeConnection& connection, Deadline deadline);
 
 // Starts "FCALL <library>_<op> 2 kv{E} kv{E}:v" for kelvane key K.

@@ -71,7 +71,7 @@ void PointReply::take_text(const ReplyPosition& at, bool, const char* bytes, std
         return;
     }
     if (len > kMaxText) {
-        malformed_ = true;  // no inline field of any reply is this long
+        f->kind = Kind::long_text;
         return;
     }
     f->kind = Kind::text;

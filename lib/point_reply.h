@@ -58,7 +58,9 @@ private:
     struct Field;
     Field* field_at(const ReplyPosition& at);
 
-    enum class Kind : uint8_t { absent, integer, text, handed, nil };
+    // long_text: a text longer than any field the client reads inline (a
+    // name it does not need); reading it as a score fails.
+    enum class Kind : uint8_t { absent, integer, text, long_text, handed, nil };
     static constexpr std::size_t kMaxFields = 4;
     static constexpr std::size_t kMaxText = 48;  // a score's text is at most 24 bytes
     struct Field {

@@ -223,6 +223,10 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
             status = ensure_function_library(n->connection, command_deadline(deadline));
             if (status == KV_SUCCESS) {
                 n->library_checked = true;
+            } else if (status == kNodeIsBusy) {
+                last = KV_TIMEOUT;
+                if (!backoff.wait(deadline)) return last;
+                continue;
             } else if (mode_ == NodeMode::cluster &&
                        (status == kNodeIsReplica || is_transport(status))) {
                 last = status == kNodeIsReplica ? KV_CLUSTER_DOWN : status;
