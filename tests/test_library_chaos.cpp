@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
 #include <iostream>
 #include <memory>
 #include <random>
@@ -118,7 +119,13 @@ std::vector<std::string> missing_acknowledged(int port, const std::vector<Acknow
 
 TEST(Chaos, ClientsSurviveRestartsFreezesFunctionFlushesAndKilledConnections) {
     const uint64_t seed = seed_wanted();
-    std::cout << "[   chaos  ] seed " << seed << std::endl;
+    const auto began = Clock::now();
+    // Progress lines carry the seconds since the start.
+    auto note = [&](const std::string& what) {
+        const double s = std::chrono::duration<double>(Clock::now() - began).count();
+        std::cout << "[   chaos  ] " << std::fixed << std::setprecision(1) << s << " s: " << what << std::endl;
+    };
+    note("seed " + std::to_string(seed));
     std::mt19937_64 rng(seed);
     ScratchDir scratch;
     DurableServer server;
@@ -141,11 +148,12 @@ TEST(Chaos, ClientsSurviveRestartsFreezesFunctionFlushesAndKilledConnections) {
     std::this_thread::sleep_for(milliseconds(500));
     for (Event e : events) {
         std::this_thread::sleep_for(milliseconds(200 + rng() % 500));
-        std::cout << "[   chaos  ] " << name_of(e) << std::endl;
+        note(name_of(e));
         cause(e, server, rng);
     }
     std::this_thread::sleep_for(milliseconds(1000));  // calm, so that every client gets through again
     { std::ofstream(stop_file).put('\n'); }
+    note("clients told to stop");
 
     const auto deadline = Clock::now() + std::chrono::seconds(40);
     std::vector<Acknowledged> acknowledged;
@@ -164,15 +172,18 @@ TEST(Chaos, ClientsSurviveRestartsFreezesFunctionFlushesAndKilledConnections) {
     }
 
     // Once more through the append-only file: everything acknowledged was on disk.
+    note("clients ended; restarting the server");
     server.stop();
     server.start();
+    note("server restarted; checking");
     const LayoutReport layout = check_layout(server.port());
     for (const std::string& fault : layout.faults) ADD_FAILURE() << fault;
-    std::cout << "[   chaos  ] " << layout.main_keys << " keys, " << layout.value_hashes << " values hashes, "
-              << acknowledged.size() << " acknowledged members" << std::endl;
+    note(std::to_string(layout.main_keys) + " keys, " + std::to_string(layout.value_hashes) + " values hashes, " +
+         std::to_string(acknowledged.size()) + " acknowledged members");
     for (const std::string& fault : missing_acknowledged(server.port(), acknowledged)) {
         ADD_FAILURE() << "acknowledged member lost or changed: " << fault;
     }
+    note("done");
 }
 
 }  // namespace
