@@ -117,7 +117,14 @@ ClusterNode::ClusterNode(int port, int node_timeout_ms) : port_(port), node_time
     char tmpl[] = "/tmp/kelvane-cluster-XXXXXX";
     if (mkdtemp(tmpl) == nullptr) throw std::runtime_error("mkdtemp failed");
     dir_ = tmpl;
-    start();
+    try {
+        start();
+    } catch (...) {
+        // No destructor runs for a half-made object: the directory goes here.
+        std::error_code ignored;
+        std::filesystem::remove_all(dir_, ignored);
+        throw;
+    }
 }
 
 ClusterNode::~ClusterNode() {

@@ -10,14 +10,20 @@ namespace {
 
 const char* kind_name(CallKind kind) {
     switch (kind) {
-        case CallKind::kWrite: return "writes";
-        case CallKind::kIncrement: return "increments";
-        case CallKind::kScore: return "score reads";
-        default: return "range reads";
+        case CallKind::kWrite: return "kv_zaddval";
+        case CallKind::kIncrement: return "kv_zincrby";
+        case CallKind::kScore: return "kv_zscore";
+        default: return "kv_zrange";
     }
 }
 
 }  // namespace
+
+std::string describe(const Call& call) {
+    return std::string(kind_name(call.kind)) + " on key " + std::to_string(call.key) + " (" +
+           Workload::member(call.item) + "): " + status_name(call.status) +
+           (call.problem.empty() ? "" : ", " + call.problem);
+}
 
 bool never_ran(int32_t status) {
     return status == KV_NO_SERVER || status == KV_CONNECT_FAILED || status == KV_CLUSTER_DOWN ||

@@ -32,6 +32,9 @@ struct Call {
     std::string problem;  // a successful read that did not give what had been acknowledged
 };
 
+// "kv_zscore on key 3 (m179): KV_SUCCESS (0), <problem>", for failure messages.
+std::string describe(const Call& call);
+
 // The call certainly did not run: it never reached a node, or the cluster refused it before running it.
 bool never_ran(int32_t status);
 // The store took the write.
@@ -55,7 +58,7 @@ public:
     const std::vector<std::string>& keys() const { return keys_; }
     const std::vector<int32_t>& seed_statuses() const { return seed_statuses_; }
     const Call* write_of(long long item) const;
-    // Counts of statuses per kind of call, e.g. "writes: KV_SUCCESS (0) x812, KV_TRY_AGAIN (109) x3".
+    // Counts of statuses per kind of call, e.g. "kv_zaddval: KV_SUCCESS (0) x812 KV_TRY_AGAIN (109) x3".
     std::string summary() const;
     // The longest call, in seconds.
     double longest_call_s() const;

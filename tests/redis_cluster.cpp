@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <fstream>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -58,17 +59,30 @@ bool poll_until(double timeout_s, Done done) {
     }
 }
 
-// A block of kNodes ports whose cluster bus ports (+10000) are free too. Each test process has a network of its
-// own, so any block will do there; without one this keeps clear of what already listens.
+// The kernel's range for the local ports of outgoing connections, which a node's bind() can collide with.
+std::pair<int, int> ephemeral_ports() {
+    std::ifstream in("/proc/sys/net/ipv4/ip_local_port_range");
+    int low = 32768, high = 60999;
+    in >> low >> high;
+    return {low, high};
+}
+
+// A block of kNodes ports whose cluster bus ports (+10000) are free too, all outside the ephemeral range: the test
+// and the nodes connect to each other all the time, and a port one of those connections holds could not be bound.
 int free_block() {
-    for (int base = 30000 + static_cast<int>(getpid() % 1000) * 16;; base += 16) {
-        if (base + 10000 + RedisCluster::kNodes > 65535) base = 20000;
-        bool free = true;
-        for (int i = 0; i < RedisCluster::kNodes && free; ++i) {
-            free = !RedisServer::listening(base + i) && !RedisServer::listening(base + 10000 + i);
+    const auto [low, high] = ephemeral_ports();
+    const auto clear = [&](int first) {
+        if (first + RedisCluster::kNodes - 1 >= low && first <= high) return false;
+        for (int i = 0; i < RedisCluster::kNodes; ++i) {
+            if (RedisServer::listening(first + i)) return false;
         }
-        if (free) return base;
+        return true;
+    };
+    const int start = 13000 + static_cast<int>(getpid() % 500) * 16;
+    for (int base = start; base + 10000 + RedisCluster::kNodes <= 65535; base += 16) {
+        if (clear(base) && clear(base + 10000)) return base;
     }
+    throw std::runtime_error("no free block of ports for a cluster");
 }
 
 }  // namespace
