@@ -1,11 +1,12 @@
 // test_cluster_routing.cpp -- what routing must do that the big runs may not show: one client that keeps working
-// while a slot is half moved (ASK) and after it moved (MOVED, then a refreshed map) or failed over; a cluster
-// that is down answers within the call's time bound and the same client works again once it is back; a dead
-// first seed is passed over.
+// while a slot is half moved (ASK) and after it moved (MOVED, then a refreshed map) or failed over; a slot in the
+// middle of a move (TRYAGAIN) is waited for until the call's bound; a cluster that is down answers within that
+// bound and the same client works again once it is back; a dead first seed is passed over.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
+#include <thread>
 
 #include "cluster_client.h"
 #include "cluster_keys.h"
@@ -83,6 +84,42 @@ TEST(Routing, AskWhileASlotMovesThenMovedRefreshesTheMap) {
     // The first call met the old owner; after it the client knew where the slot had gone.
     EXPECT_LE(redirections(cluster, "MOVED"), 1);
     EXPECT_EQ(redirections(cluster, "ASK"), 0);
+}
+
+TEST(Routing, TryAgainIsRetriedUntilTheSlotSettlesOrTheBound) {
+    RedisCluster cluster;
+    int slot = -1;
+    const std::vector<std::string> keys = keys_sharing_a_slot(cluster, "pending-", 2, &slot);
+    const std::string &abandoned = keys[0], &awaited = keys[1];
+    const int source = cluster.owner_of_slot(slot);
+    const int target = source == cluster.masters().front() ? cluster.masters().back() : cluster.masters().front();
+    KvClient client;
+    ASSERT_EQ(client.add_seed(source), KV_SUCCESS);
+
+    // A key made while its slot is open: the source sends the call on (ASK) and the target cannot make two keys
+    // it does not hold yet (TRYAGAIN) until the slot is its own.
+    Migration m = cluster.open_migration(slot, target);
+    const double bound_s = client.call_bound_s() + 2;  // room for a loaded machine
+    using Clock = std::chrono::steady_clock;
+    const auto started = Clock::now();
+    EXPECT_EQ(client.zaddval(abandoned, 1, "a", "value a"), KV_TRY_AGAIN);
+    EXPECT_LT(std::chrono::duration<double>(Clock::now() - started).count(), bound_s);
+
+    // The slot settles a second into the next call, well within its bound: the call waits and lands.
+    std::string closing_failed;
+    std::thread closer([&] {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        try {
+            cluster.close_migration(m);
+        } catch (const std::exception& e) {
+            closing_failed = e.what();
+        }
+    });
+    EXPECT_EQ(client.zaddval(awaited, 2, "b", "value b"), KV_SUCCESS);
+    closer.join();
+    ASSERT_EQ(closing_failed, "");
+    expect_scored(client, awaited, "b", 2, "value b");
+    EXPECT_EQ(client.zscore(abandoned, "a").status, KV_NOTFOUND) << "a call answered KV_TRY_AGAIN ran";
 }
 
 TEST(Routing, SameClientAfterAManualFailover) {
