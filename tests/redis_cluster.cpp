@@ -228,6 +228,12 @@ long long RedisCluster::error_count(int port, const std::string& prefix) const {
     return field.empty() ? 0 : std::atoll(field.c_str() + field.find('=') + 1);
 }
 
+long long RedisCluster::error_count(const std::string& prefix) const {
+    long long n = 0;
+    for (int port : ports_) n += running(port) ? error_count(port, prefix) : 0;
+    return n;
+}
+
 void RedisCluster::reset_error_stats() const {
     for (int port : ports_) {
         if (running(port)) must(port, {"CONFIG", "RESETSTAT"});
@@ -246,13 +252,14 @@ void RedisCluster::manual_failover(int replica) {
     wait_healthy();
 }
 
-int RedisCluster::kill_master(int master) {
+int RedisCluster::kill_master(int master, const std::function<void()>& killed) {
     const int replica = replica_of(master);
     kill(master);
-    if (!poll_until(30, [&] { return info_field(replica, "replication", "role") == "master"; })) {
+    if (killed) killed();
+    if (!poll_until(60, [&] { return info_field(replica, "replication", "role") == "master"; })) {
         throw std::runtime_error(std::to_string(replica) + " was not promoted\n" + describe());
     }
-    wait_healthy();
+    wait_healthy(60);
     return replica;
 }
 

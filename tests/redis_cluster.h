@@ -60,8 +60,11 @@ public:
     std::vector<int> key_slots(const std::vector<std::string>& server_keys) const;
     // Every key stored on a node (SCAN), with no regard to slots.
     std::vector<std::string> keys_on(int port) const;
-    // How often a node has answered a redirection (MOVED or ASK) since the last reset_error_stats().
+    // How often a node has answered an error reply of this kind (MOVED, ASK, TRYAGAIN, CLUSTERDOWN) since the
+    // last reset_error_stats(): whether a client was redirected, or met a slot in the middle of a move.
     long long error_count(int port, const std::string& prefix) const;
+    // The same, summed over every running node.
+    long long error_count(const std::string& prefix) const;
     void reset_error_stats() const;
 
     NodeReply command(int port, const Argv& argv) const { return node_command(port, argv); }
@@ -75,8 +78,8 @@ public:
     // from it and every node agrees.
     void manual_failover(int replica);
     // SIGKILL to a master; returns its replica's port once that replica serves the slots and every running
-    // node agrees.
-    int kill_master(int master);
+    // node agrees. killed runs as soon as the process is gone, before any waiting.
+    int kill_master(int master, const std::function<void()>& killed = {});
     // SIGKILL to any node, without waiting for the cluster to react.
     void kill(int port);
     // Starts a killed node again (empty, same identity) without waiting: wait_healthy() when the cluster can be
@@ -98,6 +101,8 @@ public:
     // All of it, with the steps' hooks in between.
     Migration migrate_slot(int slot, int target, const MigrationSteps& steps = {}) const;
 
+    // A node silent for this long is suspected, and a failover follows within a few seconds more; shorter would be
+    // quicker, but a loaded two-core machine can delay a node's pings by a good part of a second.
     static constexpr int kDefaultNodeTimeoutMs = 2000;
 
 private:

@@ -36,7 +36,8 @@ TEST(Keys, AwkwardKeysLiveTogetherOnTheirSlotsMaster) {
     RedisCluster cluster;
     KvClient client;
     ASSERT_EQ(client.add_seed(cluster.masters().front()), KV_SUCCESS);
-    // One call through each master, so that whatever the client learns lazily is learnt before counting.
+    // A few calls first, so that whatever the client learns lazily (the slot map, its connections) is learnt
+    // before redirections are counted.
     for (const char* warm : {"warm-a", "warm-b", "warm-c", "warm-d", "warm-e", "warm-f"}) {
         ASSERT_EQ(client.zaddval(warm, 1, "m", "v"), KV_SUCCESS) << warm;
         ASSERT_EQ(client.del(warm), KV_SUCCESS) << warm;
