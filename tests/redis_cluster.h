@@ -101,8 +101,8 @@ public:
     // All of it, with the steps' hooks in between.
     Migration migrate_slot(int slot, int target, const MigrationSteps& steps = {}) const;
 
-    // A node silent for this long is suspected, and a failover follows within a few seconds more; shorter would be
-    // quicker, but a loaded two-core machine can delay a node's pings by a good part of a second.
+    // A node silent for this long is taken for failing, and a failover follows within a few seconds more; shorter
+    // would be quicker, but a loaded two-core machine can delay a node's pings by a good part of a second.
     static constexpr int kDefaultNodeTimeoutMs = 2000;
 
 private:
