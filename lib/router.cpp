@@ -189,6 +189,7 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
     int redirections = 0;
     std::size_t standalone_failures = 0;
     int32_t last = KV_CONNECT_FAILED;  // why the call ends if its time runs out
+    bool last_is_known = false;         // set by a failure, not by a mere redirection
     for (;;) {
         if (deadline.passed()) return last;
         int32_t status = KV_SUCCESS;
@@ -196,6 +197,7 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
         if (n == nullptr) {
             if (mode_ != NodeMode::cluster) return status;
             last = status;
+            last_is_known = true;
             if (!backoff.wait(deadline)) return last;
             continue;
         }
@@ -203,6 +205,7 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
         status = connect(*n, deadline, settings_.connect_attempts);
         if (status != KV_SUCCESS) {
             last = status;
+            last_is_known = true;
             if (mode_ != NodeMode::cluster) {
                 // Another seed of a standalone store may answer instead.
                 if (++standalone_failures >= seeds_.size()) return status;
@@ -225,11 +228,13 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
                 n->library_checked = true;
             } else if (status == kNodeIsBusy) {
                 last = KV_TIMEOUT;
+                last_is_known = true;
                 if (!backoff.wait(deadline)) return last;
                 continue;
             } else if (mode_ == NodeMode::cluster &&
                        (status == kNodeIsReplica || is_transport(status))) {
                 last = status == kNodeIsReplica ? KV_CLUSTER_DOWN : status;
+                last_is_known = true;
                 ask_target.reset();
                 refresh_due_ = true;
                 if (!backoff.wait(deadline)) return last;
@@ -255,6 +260,7 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
                 return done.status;
             }
             last = done.status;
+            last_is_known = true;
             continue;
         }
         if (!sink.is_error()) return KV_SUCCESS;
@@ -266,7 +272,9 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
                 if (mode_ != NodeMode::cluster) return KV_SERVER_ERROR;
                 Endpoint target = *error.target;
                 if (target.host.empty()) target.host = n->endpoint.host;
-                last = KV_CLUSTER_DOWN;
+                // A redirection is not a failure: a call that runs out of
+                // time among them answers what kept it retrying, if anything.
+                if (!last_is_known) last = KV_CLUSTER_DOWN;
                 if (++redirections > kFreeRedirections && !backoff.wait(deadline)) return last;
                 if (error.kind == ErrorKind::moved) {
                     map_.set_master(static_cast<uint16_t>(error.slot), target);
@@ -284,6 +292,7 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
             case ErrorKind::cluster_down:
             case ErrorKind::busy:
                 last = error.kind == ErrorKind::read_only ? KV_CLUSTER_DOWN : status_of(error.kind);
+                last_is_known = true;
                 if (error.kind == ErrorKind::cluster_down) refresh_due_ = true;
                 if (!backoff.wait(deadline)) return last;
                 continue;
