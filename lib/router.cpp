@@ -180,76 +180,129 @@ int32_t Router::refresh(Deadline deadline, const Node* avoid) {
     return status;
 }
 
+// One call's way round the loop: the deadline, the back-off between
+// retries, and why the call ends if its time runs out.
+struct Router::Call {
+    explicit Call(Deadline d) : deadline(d) {}
+
+    // Records why the call goes round again and waits before it does.
+    // False once there is no time left.
+    bool retry(int32_t why) {
+        failure = why;
+        failed = true;
+        return backoff.wait(deadline);
+    }
+    // A redirection is not a failure: a call that runs out of time among
+    // them answers what kept it retrying, if anything did.
+    bool redirected(int count) {
+        if (!failed) failure = KV_CLUSTER_DOWN;
+        return count <= kFreeRedirections || backoff.wait(deadline);
+    }
+
+    Deadline deadline;
+    Backoff backoff;
+    int32_t failure = KV_CONNECT_FAILED;
+    bool failed = false;
+    std::optional<Endpoint> ask_target;  // this command only, after an ASK
+    int redirections = 0;
+    bool library_reloaded = false;
+};
+
+Router::Step Router::on_error_reply(const ServerError& error, Node& n, bool uses_functions,
+                                   Call& call) {
+    switch (error.kind) {
+        case ErrorKind::moved:
+        case ErrorKind::ask: {
+            if (mode_ != NodeMode::cluster) return Step::end(KV_SERVER_ERROR);
+            Endpoint target = *error.target;
+            if (target.host.empty()) target.host = n.endpoint.host;
+            if (!call.redirected(++call.redirections)) return Step::end(call.failure);
+            if (error.kind == ErrorKind::moved) {
+                map_.set_master(static_cast<uint16_t>(error.slot), target);
+                refresh_due_ = true;
+            } else {
+                call.ask_target = target;  // the map stays as it is
+            }
+            return Step::again();
+        }
+        case ErrorKind::read_only:
+            // A former master, now a replica: the map is stale.
+            if (mode_ != NodeMode::cluster) return Step::end(KV_SERVER_ERROR);
+            refresh_due_ = true;
+            return call.retry(KV_CLUSTER_DOWN) ? Step::again() : Step::end(call.failure);
+        case ErrorKind::cluster_down:
+            refresh_due_ = true;
+            [[fallthrough]];
+        case ErrorKind::try_again:
+        case ErrorKind::busy:
+            return call.retry(status_of(error.kind)) ? Step::again() : Step::end(call.failure);
+        case ErrorKind::function_missing:
+            // Flushed since we looked; nothing ran, so load and go again.
+            if (!uses_functions || call.library_reloaded) return Step::end(KV_SERVER_ERROR);
+            call.library_reloaded = true;
+            n.library_checked = false;
+            return Step::again();
+        default:
+            return Step::end(status_of(error.kind));
+    }
+}
+
 int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_functions,
                     Deadline deadline) {
     const std::string_view bytes = request.bytes();
-    std::optional<Endpoint> ask_target;
-    Backoff backoff;
-    bool library_reloaded = false;
-    int redirections = 0;
+    Call call(deadline);
     std::size_t standalone_failures = 0;
-    int32_t last = KV_CONNECT_FAILED;  // why the call ends if its time runs out
-    bool last_is_known = false;         // set by a failure, not by a mere redirection
     for (;;) {
-        if (deadline.passed()) return last;
+        if (deadline.passed()) return call.failure;
         int32_t status = KV_SUCCESS;
-        Node* n = ask_target ? &node(*ask_target) : route(slot, deadline, &status);
+        Node* n = call.ask_target ? &node(*call.ask_target) : route(slot, deadline, &status);
         if (n == nullptr) {
-            if (mode_ != NodeMode::cluster) return status;
-            last = status;
-            last_is_known = true;
-            if (!backoff.wait(deadline)) return last;
+            if (mode_ != NodeMode::cluster || !call.retry(status)) return status;
             continue;
         }
 
         status = connect(*n, deadline, settings_.connect_attempts);
         if (status != KV_SUCCESS) {
-            last = status;
-            last_is_known = true;
             if (mode_ != NodeMode::cluster) {
                 // Another seed of a standalone store may answer instead.
                 if (++standalone_failures >= seeds_.size()) return status;
-                standalone_ = seeds_[(std::find(seeds_.begin(), seeds_.end(), n) - seeds_.begin() + 1) %
-                                     seeds_.size()];
+                const auto at = std::find(seeds_.begin(), seeds_.end(), n) - seeds_.begin();
+                standalone_ = seeds_[static_cast<std::size_t>(at + 1) % seeds_.size()];
                 continue;
             }
             // The node is gone, perhaps failing over: ask the others where
             // the slot lives now.
-            ask_target.reset();
+            call.ask_target.reset();
             refresh_due_ = true;
             refresh(deadline, n);
-            if (!backoff.wait(deadline)) return last;
+            if (!call.retry(status)) return status;
             continue;
         }
 
         if (uses_functions && !n->library_checked) {
             status = ensure_function_library(n->connection, command_deadline(deadline));
-            if (status == KV_SUCCESS) {
-                n->library_checked = true;
-            } else if (status == kNodeIsBusy) {
-                last = KV_TIMEOUT;
-                last_is_known = true;
-                if (!backoff.wait(deadline)) return last;
+            if (status == kNodeIsBusy) {
+                if (!call.retry(KV_TIMEOUT)) return call.failure;
                 continue;
-            } else if (mode_ == NodeMode::cluster &&
-                       (status == kNodeIsReplica || is_transport(status))) {
-                last = status == kNodeIsReplica ? KV_CLUSTER_DOWN : status;
-                last_is_known = true;
-                ask_target.reset();
-                refresh_due_ = true;
-                if (!backoff.wait(deadline)) return last;
-                continue;
-            } else {
-                return status == kNodeIsReplica ? KV_SERVER_ERROR : status;
             }
+            if (mode_ == NodeMode::cluster && (status == kNodeIsReplica || is_transport(status))) {
+                call.ask_target.reset();
+                refresh_due_ = true;
+                if (!call.retry(status == kNodeIsReplica ? KV_CLUSTER_DOWN : status)) {
+                    return call.failure;
+                }
+                continue;
+            }
+            if (status != KV_SUCCESS) return status == kNodeIsReplica ? KV_SERVER_ERROR : status;
+            n->library_checked = true;
         }
 
         Exchange done{};
-        if (ask_target) {
+        if (call.ask_target) {
             ValueReply asking_reply;
             done = n->connection.exchange(asking_then(bytes), {&asking_reply, &sink},
                                           command_deadline(deadline));
-            ask_target.reset();
+            call.ask_target.reset();
         } else {
             done = n->connection.exchange(bytes, {&sink}, command_deadline(deadline));
         }
@@ -259,52 +312,13 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
                 if (mode_ == NodeMode::cluster) refresh_due_ = true;
                 return done.status;
             }
-            last = done.status;
-            last_is_known = true;
+            call.failure = done.status;  // the connection had gone stale: a new one
+            call.failed = true;
             continue;
         }
         if (!sink.is_error()) return KV_SUCCESS;
-
-        const ServerError error = classify_error(sink.error());
-        switch (error.kind) {
-            case ErrorKind::moved:
-            case ErrorKind::ask: {
-                if (mode_ != NodeMode::cluster) return KV_SERVER_ERROR;
-                Endpoint target = *error.target;
-                if (target.host.empty()) target.host = n->endpoint.host;
-                // A redirection is not a failure: a call that runs out of
-                // time among them answers what kept it retrying, if anything.
-                if (!last_is_known) last = KV_CLUSTER_DOWN;
-                if (++redirections > kFreeRedirections && !backoff.wait(deadline)) return last;
-                if (error.kind == ErrorKind::moved) {
-                    map_.set_master(static_cast<uint16_t>(error.slot), target);
-                    refresh_due_ = true;
-                } else {
-                    ask_target = target;  // this command only; the map stays
-                }
-                continue;
-            }
-            case ErrorKind::read_only:
-                if (mode_ != NodeMode::cluster) return KV_SERVER_ERROR;
-                refresh_due_ = true;
-                [[fallthrough]];
-            case ErrorKind::try_again:
-            case ErrorKind::cluster_down:
-            case ErrorKind::busy:
-                last = error.kind == ErrorKind::read_only ? KV_CLUSTER_DOWN : status_of(error.kind);
-                last_is_known = true;
-                if (error.kind == ErrorKind::cluster_down) refresh_due_ = true;
-                if (!backoff.wait(deadline)) return last;
-                continue;
-            case ErrorKind::function_missing:
-                // Flushed since we looked; nothing ran, so load and go again.
-                if (!uses_functions || library_reloaded) return KV_SERVER_ERROR;
-                library_reloaded = true;
-                n->library_checked = false;
-                continue;
-            default:
-                return status_of(error.kind);
-        }
+        const Step next = on_error_reply(classify_error(sink.error()), *n, uses_functions, call);
+        if (!next.repeat) return next.status;
     }
 }
 

@@ -21,6 +21,7 @@
 #include "node_connection.h"
 #include "reply_sink.h"
 #include "request.h"
+#include "server_error.h"
 #include "slot_map.h"
 
 namespace kelvane {
@@ -69,6 +70,16 @@ private:
     // Asks the cluster for its slot map, trying every known node, avoid last.
     int32_t refresh(Deadline deadline, const Node* avoid);
     void learn_mode(Node& n);
+
+    struct Call;
+    // After an error reply: go round again, or end the call with status.
+    struct Step {
+        bool repeat;
+        int32_t status;
+        static Step again() { return Step{true, 0}; }
+        static Step end(int32_t status) { return Step{false, status}; }
+    };
+    Step on_error_reply(const ServerError& error, Node& n, bool uses_functions, Call& call);
     Deadline command_deadline(Deadline deadline) const {
         return deadline.within(settings_.command_timeout);
     }
