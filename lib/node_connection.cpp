@@ -63,6 +63,7 @@ Exchange NodeConnection::exchange(std::string_view bytes, std::initializer_list<
             return Exchange{status, true};
         }
     }
+    last_reply_ = Clock::now();
     return Exchange{KV_SUCCESS, true};
 }
 
