@@ -24,14 +24,19 @@ MmBuffer zeroed_array(kv_mm* mm, std::size_t n) {
 
 }  // namespace
 
-void* RangeReply::item(const char* bytes, std::size_t len) {
+void RangeReply::store_item(const MmBuffer& items, const MmBuffer& lens, std::size_t i,
+                            const char* bytes, std::size_t len) {
     const std::size_t total = len + suffix_.size();
     MmBuffer b = mm_allocate(mm_, total + 1);
-    if (!b) return nullptr;
+    if (!b) {
+        no_memory_ = true;
+        return;
+    }
     if (len != 0) std::memcpy(b.get(), bytes, len);
     if (!suffix_.empty()) std::memcpy(b.get() + len, suffix_.data(), suffix_.size());
     b.get()[total] = '\0';
-    return b.release();
+    array<void*>(items)[i] = b.release();
+    array<std::size_t>(lens)[i] = total;
 }
 
 void RangeReply::open_items(std::size_t count) {
@@ -97,21 +102,9 @@ void RangeReply::take_text(const ReplyPosition& at, bool, const char* bytes, std
             if (!parse_score(bytes, len, &array<double>(scores_)[member])) malformed_ = true;
             return;
         }
-        void* copy = item(bytes, len);
-        if (copy == nullptr) {
-            no_memory_ = true;
-            return;
-        }
-        array<void*>(members_)[member] = copy;
-        array<std::size_t>(members_len_)[member] = len + suffix_.size();
+        store_item(members_, members_len_, member, bytes, len);
     } else if (at.parent_index == kValuesField && values_) {
-        void* copy = item(bytes, len);
-        if (copy == nullptr) {
-            no_memory_ = true;
-            return;
-        }
-        array<void*>(values_)[k] = copy;
-        array<std::size_t>(values_len_)[k] = len + suffix_.size();
+        store_item(values_, values_len_, k, bytes, len);
     } else if (at.parent_index != kValuesField) {
         malformed_ = true;
     }

@@ -59,9 +59,10 @@ private:
     void clear() override;
     void open_items(std::size_t count);
     void open_values(std::size_t count);
-    // Buffer of bytes followed by the suffix and a zero byte the length
-    // does not count; nullptr when the memory manager said no.
-    void* item(const char* bytes, std::size_t len);
+    // Puts item i (bytes followed by the suffix and a zero byte its length
+    // does not count) into items and lens; notes a refused buffer.
+    void store_item(const MmBuffer& items, const MmBuffer& lens, std::size_t i,
+                    const char* bytes, std::size_t len);
     template <class T>
     T* array(const MmBuffer& b) const { return reinterpret_cast<T*>(b.get()); }
 
