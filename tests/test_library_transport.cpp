@@ -174,9 +174,12 @@ TEST_F(Transport, FrozenServerTimesOutAndIsServedAgainOnceThawed) {
     server_->freeze();
     uint32_t n = 9;
     EXPECT_EQ(within(3.0, [&] { return kv_zcard(quick, "k", 1, &n); }), KV_TIMEOUT);
-    int32_t added = -1;
     kv_client* late = nullptr;
-    within(3.0, [&] { return late = another(server_->port(), &added, nullptr, 1, 1, 1), added; });
+    const int32_t added = within(3.0, [&] {
+        int32_t status = -1;
+        late = another(server_->port(), &status, nullptr, 1, 1, 1);
+        return status;
+    });
     EXPECT_TRUE(transport_failure(added)) << added;
     EXPECT_TRUE(transport_failure(within(3.0, [&] { return kv_zcard(late, "k", 1, &n); })));
     EXPECT_EQ(n, 0u);
@@ -202,9 +205,12 @@ TEST_F(Transport, TrickledRepliesEndEachCallWithinItsOneDeadline) {
     trickled("zaddval", [&] { return kv_zaddval(slow, "k", 1, 2.5, "n", 1, "w", 1, 0); });
 
     // The handshake's answer trickles too.
-    int32_t added = -1;
     kv_client* late = nullptr;
-    within(kBound, [&] { return late = another(relay.port(), &added), added; });
+    const int32_t added = within(kBound, [&] {
+        int32_t status = -1;
+        late = another(relay.port(), &status);
+        return status;
+    });
     EXPECT_TRUE(transport_failure(added)) << added;
     relay.trickle(false);
     EXPECT_EQ(zscore_status(slow, "k", "m"), KV_SUCCESS);

@@ -40,6 +40,7 @@ bool landed(int32_t status) { return status == KV_SUCCESS || status == KV_ALREAD
 
 using TimeToLive = LibraryTest;
 using KeyKinds = LibraryTest;
+using FullServer = LibraryTest;
 
 TEST_F(TimeToLive, TheValuesHashExpiresWithItsSetWhoeverMadeEither) {
     const auto together = [&](const std::string& key) {
@@ -208,7 +209,7 @@ TEST_F(TamperedValues, LeftWithoutItsSet) {
 }
 
 // A server at its memory limit (maxmemory, noeviction), on the connection a client had and on a brand-new one.
-TEST_F(LibraryTest, FullServerServesReadsRemovalsDelAndTtlRefusesWritesAndLosesNothing) {
+TEST_F(FullServer, ServesReadsRemovalsDelAndTtlRefusesWritesAndLosesNothing) {
     for (const std::string key : {"full0", "full1"}) {
         ASSERT_EQ(zaddval(key, 1, "a", "va", 100), KV_SUCCESS);
         ASSERT_EQ(zaddval(key, 2, "b", "vb"), KV_SUCCESS);
