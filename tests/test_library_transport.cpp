@@ -1,19 +1,34 @@
-// The way to the server: no server, a dead port, restarts, crashes, a server that stops answering, and arguments
-// refused before anything is sent.
+// The way to the server: no server, a dead port, restarts, crashes, flushed functions, a server that stops
+// answering or trickles its replies (one deadline per call, whatever the line does), and arguments refused before
+// anything is sent.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <thread>
 
 #include "library_fixture.h"
 
 namespace kelvane_test {
 namespace {
 
-using Transport = LibraryTest;
-using Arguments = LibraryTest;
 using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
 
-double seconds_since(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
+// Runs call, expects it back within bound seconds (a hang-safety bound, not a speed target), returns its status.
+template <class Call>
+int32_t within(double bound, Call call) {
+    const auto start = Clock::now();
+    const int32_t status = call();
+    const double took = std::chrono::duration<double>(Clock::now() - start).count();
+    EXPECT_LT(took, bound) << "answered " << status;
+    return status;
 }
 
 bool transport_failure(int32_t status) {
@@ -26,25 +41,109 @@ uint32_t card(kv_client* client, int32_t expected_status) {
     return n;
 }
 
+sockaddr_in loopback(int port) {
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return addr;
+}
+
+// A TCP relay on loopback in front of a real server. Requests pass straight through; replies pass at once or,
+// while it trickles, one byte every 1.5 s: the line never falls silent long enough for a per-read timeout to
+// fire. A connection whose replies have been held back for 8 s is dropped, so a client that never gives up costs
+// a bounded failure, not a hung test.
+class SlowRelay {
+public:
+    explicit SlowRelay(int upstream_port) : upstream_(upstream_port) {
+        sockaddr_in addr = loopback(0);
+        socklen_t len = sizeof addr;
+        if (listener_ < 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+            ::listen(listener_, 16) != 0 || ::getsockname(listener_, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+            throw std::runtime_error("relay cannot listen");
+        }
+        port_ = ntohs(addr.sin_port);
+        acceptor_ = std::thread([this] {
+            while (!stopping_) {
+                pollfd p{listener_, POLLIN, 0};
+                const int fd = ::poll(&p, 1, 10) > 0 ? ::accept(listener_, nullptr, nullptr) : -1;
+                if (fd >= 0) connections_.emplace_back([this, fd] { relay(fd); });
+            }
+        });
+    }
+    ~SlowRelay() {
+        stopping_ = true;
+        acceptor_.join();
+        for (std::thread& t : connections_) t.join();
+        ::close(listener_);
+    }
+    int port() const { return port_; }
+    void trickle(bool on) { trickle_ = on; }
+
+private:
+    void relay(int client) {
+        const int server = ::socket(AF_INET, SOCK_STREAM, 0);
+        const sockaddr_in addr = loopback(upstream_);
+        bool open = ::connect(server, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0;
+        std::string pending;  // reply bytes not passed on yet
+        Clock::time_point next_byte{}, stalled_since = Clock::now();
+        char buf[16384];
+        while (open && !stopping_) {
+            const bool slow = trickle_;
+            const auto now = Clock::now();
+            if (pending.empty() || !slow) stalled_since = now;
+            if (now - stalled_since > 8s) break;
+            const bool send_now = !pending.empty() && (!slow || now >= next_byte);
+            pollfd fds[2] = {{client, static_cast<short>(POLLIN | (send_now ? POLLOUT : 0)), 0}, {server, POLLIN, 0}};
+            if (::poll(fds, 2, 10) < 0 && errno != EINTR) break;
+            if (fds[0].revents & (POLLIN | POLLHUP | POLLERR)) {
+                const ssize_t n = ::recv(client, buf, sizeof buf, 0);
+                open = n > 0 && ::send(server, buf, static_cast<size_t>(n), MSG_NOSIGNAL) == n;
+            }
+            if (open && (fds[1].revents & (POLLIN | POLLHUP | POLLERR))) {
+                const ssize_t n = ::recv(server, buf, sizeof buf, 0);
+                open = n > 0;
+                if (open) pending.append(buf, static_cast<size_t>(n));
+            }
+            if (open && send_now && (fds[0].revents & POLLOUT)) {
+                const ssize_t n = ::send(client, pending.data(), slow ? 1 : pending.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+                if (n > 0) pending.erase(0, static_cast<size_t>(n));
+                next_byte = Clock::now() + 1500ms;
+            }
+        }
+        ::close(server);
+        ::close(client);
+    }
+
+    const int upstream_;
+    const int listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    int port_ = 0;
+    std::atomic<bool> trickle_{false}, stopping_{false};
+    std::vector<std::thread> connections_;  // touched by the acceptor alone until it has stopped
+    std::thread acceptor_;
+};
+
+using Transport = LibraryTest;
+using Arguments = LibraryTest;
+
 TEST_F(Transport, NoServerAndDeadPortFailFast) {
     kv_client* lone = kv_client_create(1, 1, mm_, 2);
     ASSERT_NE(lone, nullptr);
+    clients_.push_back(lone);
     int32_t ttl = 5;
     EXPECT_EQ(kv_zadd(lone, "k", 1, 1, "m", 1, 0), KV_NO_SERVER);
     EXPECT_EQ(kv_get_ttl(lone, "k", 1, &ttl), KV_NO_SERVER);
     EXPECT_EQ(ttl, 0);
 
     // Nothing listens on the port: a transport status without waiting, now and later.
-    const auto start = Clock::now();
-    EXPECT_EQ(kv_server_add(lone, "127.0.0.1", RedisServer::free_port(), nullptr), KV_CONNECT_FAILED);
+    EXPECT_EQ(within(3.0, [&] { return kv_server_add(lone, "127.0.0.1", RedisServer::free_port(), nullptr); }),
+              KV_CONNECT_FAILED);
     EXPECT_EQ(card(lone, KV_CONNECT_FAILED), 0u);
-    EXPECT_EQ(kv_zadd(lone, "k", 1, 1, "m", 1, 0), KV_CONNECT_FAILED);
-    EXPECT_LT(seconds_since(start), 3.0);
+    EXPECT_EQ(within(3.0, [&] { return kv_zadd(lone, "k", 1, 1, "m", 1, 0); }), KV_CONNECT_FAILED);
     // A second seed that answers serves the calls; the dead one stays registered and is passed over.
     EXPECT_EQ(kv_server_add(lone, "127.0.0.1", server_->port(), nullptr), KV_SUCCESS);
     EXPECT_EQ(kv_zadd(lone, "k", 1, 1, "m", 1, 0), KV_SUCCESS);
     EXPECT_EQ(card(lone, KV_SUCCESS), 1u);
-    kv_client_destroy(lone);
     EXPECT_EQ(kv_server_add(client_, "127.0.0.1", server_->port(), nullptr), KV_ALREADY_EXISTS);
 }
 
@@ -60,48 +159,71 @@ TEST_F(Transport, RestartedKilledOrFlushedServerIsServedAgain) {
     EXPECT_EQ(card(client_, KV_SUCCESS), 2u);
 
     server_->kill();
-    const auto start = Clock::now();
-    EXPECT_TRUE(transport_failure(zadd("k", 4, "p")));
     uint32_t n = 9;
-    EXPECT_TRUE(transport_failure(kv_zcard(client_, "k", 1, &n)) && n == 0);
-    EXPECT_LT(seconds_since(start), 3.0);
+    EXPECT_TRUE(transport_failure(within(3.0, [&] { return zadd("k", 4, "p"); })));
+    EXPECT_TRUE(transport_failure(within(3.0, [&] { return kv_zcard(client_, "k", 1, &n); })) && n == 0);
     server_->start();
     EXPECT_EQ(zadd("k", 5, "q"), KV_SUCCESS);
     EXPECT_EQ(card(client_, KV_SUCCESS), 1u);
 }
 
+// A frozen server accepts connections and answers nothing: silent mid-call and at connect time alike.
 TEST_F(Transport, FrozenServerTimesOutAndIsServedAgainOnceThawed) {
-    kv_client* quick = kv_client_create(1, 1, mm_, 1);
-    ASSERT_NE(quick, nullptr);
-    ASSERT_EQ(kv_server_add(quick, "127.0.0.1", server_->port(), nullptr), KV_SUCCESS);
+    kv_client* quick = another(server_->port(), nullptr, nullptr, 1, 1, 1);  // 1 x 1 s + 1 s per call
     ASSERT_EQ(kv_zadd(quick, "k", 1, 1, "m", 1, 0), KV_SUCCESS);
-
     server_->freeze();
-    auto start = Clock::now();
-    EXPECT_EQ(card(quick, KV_TIMEOUT), 0u);
-    EXPECT_LT(seconds_since(start), 3.0);
-    // A client that connects to the frozen server is not held either.
-    kv_client* late = kv_client_create(1, 1, mm_, 1);
-    ASSERT_NE(late, nullptr);
-    start = Clock::now();
-    EXPECT_TRUE(transport_failure(kv_server_add(late, "127.0.0.1", server_->port(), nullptr)));
-    EXPECT_LT(seconds_since(start), 3.0);
+    uint32_t n = 9;
+    EXPECT_EQ(within(3.0, [&] { return kv_zcard(quick, "k", 1, &n); }), KV_TIMEOUT);
+    kv_client* late = nullptr;
+    const int32_t added = within(3.0, [&] {
+        int32_t status = -1;
+        late = another(server_->port(), &status, nullptr, 1, 1, 1);
+        return status;
+    });
+    EXPECT_TRUE(transport_failure(added)) << added;
+    EXPECT_TRUE(transport_failure(within(3.0, [&] { return kv_zcard(late, "k", 1, &n); })));
+    EXPECT_EQ(n, 0u);
     server_->thaw();
-
     EXPECT_EQ(card(quick, KV_SUCCESS), 1u);
     EXPECT_EQ(card(late, KV_SUCCESS), 1u);
-    kv_client_destroy(late);
-    kv_client_destroy(quick);
+}
+
+// Every call returns within connect_attempts x connect_timeout + command_timeout (4 s for 1, 2 and 2) however
+// slowly its reply comes, and once replies flow again, calls work again.
+TEST_F(Transport, TrickledRepliesEndEachCallWithinItsOneDeadline) {
+    constexpr double kBound = 4.0 + 1.5;  // a margin for a loaded machine
+    SlowRelay relay(server_->port());
+    kv_client* slow = another(relay.port());
+    ASSERT_EQ(kv_zaddval(slow, "k", 1, 1.5, "m", 1, "v", 1, 0), KV_SUCCESS);
+    const auto trickled = [&](const char* what, auto call) {
+        relay.trickle(false);
+        ASSERT_EQ(card(slow, KV_SUCCESS), 1u) << "before " << what;  // a working connection; only this reply trickles
+        relay.trickle(true);
+        EXPECT_EQ(within(kBound, call), KV_TIMEOUT) << what;
+    };
+    trickled("zscore", [&] { return zscore_status(slow, "k", "m"); });
+    trickled("zaddval", [&] { return kv_zaddval(slow, "k", 1, 2.5, "n", 1, "w", 1, 0); });
+
+    // The handshake's answer trickles too.
+    kv_client* late = nullptr;
+    const int32_t added = within(kBound, [&] {
+        int32_t status = -1;
+        late = another(relay.port(), &status);
+        return status;
+    });
+    EXPECT_TRUE(transport_failure(added)) << added;
+    relay.trickle(false);
+    EXPECT_EQ(zscore_status(slow, "k", "m"), KV_SUCCESS);
+    EXPECT_EQ(zscore_status(late, "k", "m"), KV_SUCCESS);
 }
 
 TEST_F(Arguments, BadOnesAreRefusedWithoutACrashAndNothingReachesTheServer) {
     uint32_t n = 0;
-    int32_t ttl = 0;
     double score = 0;
     char* value = nullptr;
     void** m = nullptr;
     size_t len = 0, count = 0, *ml = nullptr;
-    const double nan = std::nan(""), scores[] = {1}, nan_scores[] = {nan};
+    const double nan = std::nan(""), scores[] = {1};
     const char *members[] = {nullptr}, *named[] = {"m"};
     const size_t lens[] = {3}, one[] = {1};
     const std::vector<std::pair<const char*, int32_t>> calls = {
@@ -110,11 +232,9 @@ TEST_F(Arguments, BadOnesAreRefusedWithoutACrashAndNothingReachesTheServer) {
         {"zadd", kv_zadd(nullptr, "k", 1, 1, "m", 1, 0)},
         {"zrange", kv_zrange(nullptr, "k", 1, 0, -1, &m, &count, &ml, ZSET_DEFAULT)},
         {"del", kv_del(nullptr, "k", 1)},
-        // null bytes with a nonzero length: keys, members, values, suffixes
+        // null bytes with a nonzero length
         {"null key", kv_zadd(client_, nullptr, 3, 1, "m", 1, 0)},
-        {"null key ttl", kv_get_ttl(client_, nullptr, 3, &ttl)},
         {"null member", kv_sadd(client_, "k", 1, nullptr, 3, 0)},
-        {"null value", kv_zaddval(client_, "k", 1, 1, "m", 1, nullptr, 3, 0)},
         {"null batch member", kv_zmadd(client_, "k", 1, scores, members, 1, lens, 0)},
         {"null removed member", kv_zrem(client_, "k", 1, nullptr, 3)},
         {"null suffix", kv_zrange_whole(client_, "k", 1, 0, -1, &m, &count, &ml, nullptr, 3, ZSET_DEFAULT)},
@@ -132,24 +252,15 @@ TEST_F(Arguments, BadOnesAreRefusedWithoutACrashAndNothingReachesTheServer) {
         {"members out", kv_zrange(client_, "k", 1, 0, -1, nullptr, &count, &ml, ZSET_DEFAULT)},
         {"count out", kv_zrangebyscore(client_, "k", 1, 0, 1, &m, nullptr, &ml, ZSET_DEFAULT)},
         {"scores out", kv_zrange(client_, "k", 1, 0, -1, &m, &count, &ml, ZSET_WITH_SCORES, nullptr)},
-        // empty batches; limits on ranks, refused before any optional argument is read
-        {"empty zmadd", kv_zmadd(client_, "k", 1, scores, named, 0, one, 0)},
-        {"empty zmrem", kv_zmrem(client_, "k", 1, named, 0, one, &n)},
-        {"rank range limit", kv_zrange(client_, "k", 1, 0, -1, &m, &count, &ml, ZSET_WITH_LIMIT, 0, 10)},
-        {"rank limit", kv_zrank(client_, "k", 1, "m", 1, &n, ZSET_WITH_LIMIT | ZSET_WITH_VALUES)},
         // NaN, which the server cannot order
-        {"nan zadd", kv_zaddval(client_, "k", 1, nan, "m", 1, "v", 1, 0)},
-        {"nan batch", kv_zmadd(client_, "k", 1, nan_scores, named, 1, one, 0)},
+        {"nan zadd", kv_zadd(client_, "k", 1, nan, "m", 1, 0)},
         {"nan valmax", kv_zaddvalmax(client_, "k", 1, "m", 1, "v", 1, nan, 0)},
         {"nan dis score", kv_zadddis(client_, "k", 1, nan, "m", 1, 1, &value, 0)},
-        {"nan dis drift", kv_zadddis(client_, "k", 1, 1, "m", 1, nan, &value, 0)},
-        {"nan incr", kv_zincrby(client_, "k", 1, "m", 1, nan, &score, 0)},
-        {"nan count", kv_zcount(client_, "k", 1, nan, 1, &n)},
-        {"nan remrange", kv_zremrangebyscore(client_, "k", 1, 0, nan, &n)},
-        {"nan range", kv_zrangebyscore(client_, "k", 1, nan, 1, &m, &count, &ml, ZSET_DEFAULT)},
     };
     for (const auto& [what, status] : calls) EXPECT_EQ(status, KV_INVALID_PARAMETER) << what;
     EXPECT_EQ(kv_client_create(1, 1, nullptr, 1), nullptr);
+    EXPECT_EQ(voidtostring(nullptr, 3, mm_), nullptr);
+    EXPECT_EQ(voidtostring("abc", 3, nullptr), nullptr);
     EXPECT_EQ(redis({"DBSIZE"}), "0");
 }
 
