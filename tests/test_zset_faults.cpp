@@ -1,7 +1,8 @@
-// test_zset_faults.cpp -- zset against a library with one fault at a time (fault_injector.cpp). For each fault
-// zset runs against a fresh private server, and its transcript must name exactly the checks such a library fails:
-// those cases FAILED with exactly these condition texts in this order, every other case PASSED, all 68 cases and
-// the summary with the right counts, exit status 0, and nothing on standard error but what the fault puts there.
+// test_zset_faults.cpp -- zset against a library with one fault at a time (fault_injector.cpp, docs/faults.md).
+// For each fault zset runs against a fresh private server, and its transcript must name exactly the checks such a
+// library fails: those cases FAILED with exactly these condition texts in this order, every other case PASSED, all
+// 68 verdicts and the summary with the right counts, exit status 0, and nothing on standard error but what the
+// fault puts there. (Case titles are zset-report's to check: it knows them all.)
 #include <gtest/gtest.h>
 
 #include <map>
@@ -18,57 +19,6 @@ namespace kelvane_test {
 namespace {
 
 using Lines = std::vector<std::string>;
-
-// The 68 cases in run order, suite by suite. A case is named by its suite and position ("ZADD 2"); the eight
-// writing suites end with two time-to-live cases, "<suite> - with TTL without commit" and "... and commit".
-struct Suite {
-    std::string name;
-    Lines titles;
-    bool ttl = false;
-};
-const std::vector<Suite> kSuites = {
-    {"ZADD", {"ZADD zset 10 foo - add a new value to zset", "ZADD zset 5 foo - add a duplicate value to zset"}, true},
-    {"ZMADD", {"ZMADD - add multiple values to zset", "ZMADD - add a duplicate values to zset"}, true},
-    {"ZADDVAL", {"ZADDVAL - <member, value> sorted sets", "ZADDVAL - add a duplicate value to zset"}, true},
-    {"ZMADDVAL", {"ZMADDVAL - add multiple keys and values to zset", "ZMADDVAL - add a duplicate keys to zset"}, true},
-    {"ZADDVALMAX", {"ZADDVALMAX - <member, value> sorted sets", "ZADDVALMAX - add a duplicate value to zset"}, true},
-    {"ZADDMAXINC", {"ZADDMAXINC - integer sorted sets", "ZADDMAXINC - integer value is already present in zset"}, true},
-    {"ZADDDIS", {"ZADDDIS - check (score - max) > drift", "ZADDDIS - check (score - max) < drift",
-                 "ZADDDIS - check duplicate key"}, true},
-    {"ZSCORE", {"ZSCORE - zset and memkey found", "ZSCORE - no zset found",
-                "ZSCORE - zset exists BUT memkey is not found"}},
-    {"ZRANGE", {"ZADD zset i foo_i - add 5 new values to zset", "ZRANGE zset 0 -1", "ZRANGE zset 0 -1 withscores",
-                "ZRANGE zset 0 -1 withvals", "ZRANGE zset 0 -1 withscores withvals",
-                "ZRANGE zset 0 -1 withscores withvals [added suffix]", "ZREVRANGE zset 0 -1 withscores withvals",
-                "ZRANGE zset 0 -1 withscores withvals - no result"}},
-    {"ZREM", {"ZREM zset foo - foo exists", "ZREM zset foo - foo doesn't exist"}},
-    {"ZMREM", {"ZMREM - multiple values", "ZMREM - not found"}},
-    {"ZRANGEBYSCORE", {"ZADD zset = {<1 - foo>, <1 - bar>, <1.5 - aaa>, <2 - bbb>, <3 - ccc>}",
-                       "ZRANGEBYSCORE zset 1 2", "ZRANGEBYSCORE zset 1 2 withscores",
-                       "ZRANGEBYSCORE zset 1 2 limit 2 2", "ZRANGEBYSCORE zset 1 2 limit 2 2 withscores",
-                       "ZRANGEBYSCORE zset 1 2 withvals", "ZRANGEBYSCORE zset 1 2 withscores withvals",
-                       "ZRANGEBYSCORE zset 1 2 limit 2 2 withscores withvals",
-                       "ZRANGEBYSCORE zset 1 2 limit 2 2 withscores withvals - with suffix",
-                       "ZRANGEBYSCORE zset 1 2 limit 2 2 withscores withvals - no result"}},
-    {"ZREMRANGEBYSCORE", {"ZADD zset = {<1 - foo>, <1 - bar>, <1 - aaa>, <2 - bbb>, <3 - ccc>}",
-                          "ZREMRANGEBYSCORE zset 1 2"}},
-    {"ZCARD", {"ZCARD - sorted sets", "ZCARD - on empty or non sorted sets"}},
-    {"ZCOUNT", {"ZCOUNT - sorted sets", "ZCOUNT - on empty or non sorted sets"}},
-    {"ZINCRBY", {"ZINCRBY - sorted sets", "ZINCRBY - on empty or non sorted sets"}, true},
-    {"ZRANK", {"ZRANK - sorted sets", "ZRANK - on empty or non sorted sets"}},
-    {"ZREMRANGEBYRANK", {"ZREMRANGEBYRANK - sorted sets", "ZREMRANGEBYRANK - on empty or non sorted sets"}},
-};
-
-// Every case as {name, title}, in run order.
-std::vector<std::pair<std::string, std::string>> all_cases() {
-    std::vector<std::pair<std::string, std::string>> out;
-    for (const Suite& s : kSuites) {
-        Lines titles = s.titles;
-        if (s.ttl) titles.insert(titles.end(), {s.name + " - with TTL without commit", s.name + " - with TTL and commit"});
-        for (size_t k = 0; k < titles.size(); ++k) out.emplace_back(s.name + " " + std::to_string(k + 1), titles[k]);
-    }
-    return out;
-}
 
 // A fault and the cases it must fail, each with its failure lines' condition texts in order.
 struct Fault {
@@ -96,13 +46,14 @@ std::vector<std::pair<std::string, Lines>> with_lengths(std::vector<std::pair<st
     return cases;
 }
 
-// Of the 16 time-to-live cases, those without and those with commit whose lines are given.
+// Of the 16 time-to-live cases (the last two of the eight writing suites), those without and those with commit
+// whose lines are given.
 std::vector<std::pair<std::string, Lines>> ttl_cases(const Lines* without, const Lines* with) {
     std::vector<std::pair<std::string, Lines>> out;
-    for (const Suite& s : kSuites) {
-        if (!s.ttl) continue;
-        if (without) out.emplace_back(s.name + " " + std::to_string(s.titles.size() + 1), *without);
-        if (with) out.emplace_back(s.name + " " + std::to_string(s.titles.size() + 2), *with);
+    for (const auto& [suite, count] : kSuites) {
+        if (suite.find("ADD") == std::string::npos && suite != "ZINCRBY") continue;  // not a writing suite
+        if (without) out.emplace_back(suite + " " + std::to_string(count - 1), *without);
+        if (with) out.emplace_back(suite + " " + std::to_string(count), *with);
     }
     return out;
 }
@@ -260,8 +211,6 @@ class ZsetFault : public testing::TestWithParam<Fault> {};
 TEST_P(ZsetFault, FailsExactlyItsChecks) {
     SKIP_UNLESS_ZSET_PORT_FREE();
     const Fault& fault = GetParam();
-    const auto cases = all_cases();
-    ASSERT_EQ(cases.size(), static_cast<size_t>(kCases));
     std::map<std::string, Lines> expected(fault.failing.begin(), fault.failing.end());
     ASSERT_EQ(expected.size(), fault.failing.size()) << "a case named twice";
 
@@ -272,20 +221,17 @@ TEST_P(ZsetFault, FailsExactlyItsChecks) {
     const ZsetRun run = run_zset(options);
 
     EXPECT_EQ(run.exit_code, 0);
-    EXPECT_EQ(run.signal, 0);
     EXPECT_EQ(run.err, fault.err);
     const Transcript t = parse_transcript(run.out);
     EXPECT_TRUE(t.well_formed);
     EXPECT_EQ(t.preamble_failures, fault.outside);
-    ASSERT_EQ(t.cases.size(), cases.size()) << run.out;
-    for (size_t k = 0; k < cases.size(); ++k) {
-        const auto& [name, title] = cases[k];
-        const CaseResult& c = t.cases[k];
-        EXPECT_EQ(c.title, title);
-        const auto it = expected.find(name);
+    const std::vector<std::string> labels = case_labels();
+    ASSERT_EQ(t.cases.size(), labels.size()) << run.out;
+    for (size_t k = 0; k < labels.size(); ++k) {
+        const auto it = expected.find(labels[k]);
         const bool fails = it != expected.end();
-        EXPECT_EQ(c.passed, !fails) << name;
-        EXPECT_EQ(c.failed_conditions, fails ? it->second : Lines{}) << name;
+        EXPECT_EQ(t.cases[k].passed, !fails) << labels[k];
+        EXPECT_EQ(t.cases[k].failed_conditions, fails ? it->second : Lines{}) << labels[k];
         if (fails) expected.erase(it);
     }
     EXPECT_TRUE(expected.empty()) << "no case " << expected.begin()->first;
@@ -294,9 +240,7 @@ TEST_P(ZsetFault, FailsExactlyItsChecks) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, ZsetFault, testing::ValuesIn(faults()),
-                         [](const testing::TestParamInfo<Fault>& info) {
-                             return info.param.name;
-                         });
+                         [](const testing::TestParamInfo<Fault>& info) { return info.param.name; });
 
 }  // namespace
 }  // namespace kelvane_test
