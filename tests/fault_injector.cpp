@@ -172,9 +172,8 @@ extern "C" kv_client* kv_client_create(int32_t connect_timeout_s, int32_t comman
 
 extern "C" void kv_mm_destroy(kv_mm* mm) {
     static const auto real = REAL(kv_mm_destroy);
-    if (mm != nullptr && mm->live_count(mm) != 0) {
-        std::fprintf(stderr, "fault_injector: %zu buffers never released\n", mm->live_count(mm));
-    }
+    const size_t live = mm != nullptr ? mm->live_count(mm) : 0;
+    if (live != 0) std::fprintf(stderr, "fault_injector: %zu buffers never released\n", live);
     real(mm);
 }
 
