@@ -88,10 +88,6 @@ CommandResult run_command(const std::vector<std::string>& argv_in, const Command
     return result;
 }
 
-CommandResult run_shell(const std::string& script, const CommandOptions& options) {
-    return run_command({"/bin/sh", "-c", script}, options);
-}
-
 std::string read_file(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) throw std::runtime_error("cannot read " + path);

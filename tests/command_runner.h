@@ -30,9 +30,6 @@ struct CommandOptions {
 // argv[0] is looked up on PATH. Throws if the program cannot be started.
 CommandResult run_command(const std::vector<std::string>& argv, const CommandOptions& options = {});
 
-// Runs "/bin/sh -c script"; for short pipelines of standard tools in the install tests.
-CommandResult run_shell(const std::string& script, const CommandOptions& options = {});
-
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& bytes);
 

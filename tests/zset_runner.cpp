@@ -12,12 +12,7 @@ namespace kelvane_test {
 ZsetRun run_zset(const ZsetRunOptions& options) {
     std::vector<std::string> argv = options.wrapper;
     argv.push_back(KELVANE_ZSET_PATH);
-    CommandOptions command;
-    command.env = options.env;
-    command.timeout_s = options.timeout_s;
-    command.during_after_ms = options.during_after_ms;
-    command.during = options.during;
-    return run_command(argv, command);
+    return run_command(argv, options);
 }
 
 std::vector<std::string> lines_of(const std::string& text) {

@@ -3,7 +3,6 @@
 #ifndef KELVANE_TESTS_ZSET_RUNNER_H
 #define KELVANE_TESTS_ZSET_RUNNER_H
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -13,12 +12,10 @@ namespace kelvane_test {
 
 using ZsetRun = CommandResult;
 
-struct ZsetRunOptions {
-    std::vector<std::string> env;      // extra "NAME=value" entries, e.g. LD_PRELOAD
-    std::vector<std::string> wrapper;  // a command put in front of zset, e.g. {"valgrind", "-q"}
-    int during_after_ms = 0;           // `during` is called once, this long after zset started (0: never)
-    std::function<void()> during;
-    int timeout_s = 120;  // zset is killed after this long
+// The environment (e.g. LD_PRELOAD), deadline and action in the middle of the run, and a command put in front of
+// zset, e.g. {"valgrind", "-q"}.
+struct ZsetRunOptions : CommandOptions {
+    std::vector<std::string> wrapper;
 };
 
 ZsetRun run_zset(const ZsetRunOptions& options = {});
