@@ -1,11 +1,8 @@
-// test_product.cpp -- the product as users run and install it. scripts/run-zset.sh as CI runs it, on this build
-// (--no-build): zset's transcript on standard output byte for byte, the failed cases on standard error, the JUnit
-// report, and the exit status -- 0 for a clean run, 1 for a failed or incomplete one, 2 when it cannot set up --
-// with each of its options; the test process has a network of its own, so the script's fixed ports are private to
-// it. And the installed product: `cmake --install` into a temporary prefix that is then moved still serves a C
-// program through pkg-config and through find_package, and its zset runs against its own library; `cpack -G DEB`
-// makes the three Debian packages, one component each, which unpacked together give a zset that finds the
-// packaged library.
+// test_product.cpp -- the product as users run and install it. scripts/run-zset.sh on this build (--no-build):
+// zset's transcript on standard output byte for byte, the failed cases on standard error, the JUnit report and the
+// exit status (0 clean, 1 failed or incomplete, 2 cannot set up) with each of its options. `cmake --install` into
+// a prefix that is then moved: C programs built through pkg-config and find_package, and its zset, run against its
+// library. `cpack -G DEB`: three packages, one component each. Each test process has a network of its own.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
