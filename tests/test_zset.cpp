@@ -24,11 +24,11 @@
 namespace kelvane_test {
 namespace {
 
-// A complete run: exit 0, nothing on standard error (where the injector reports buffers never released), 68
-// cases each with its verdict, and a summary whose counts are the verdicts'. Gives the number passed.
-int expect_complete(const ZsetRun& run, Transcript* out = nullptr) {
+// A complete run: exit 0, nothing on standard error but `err` (where the injector reports buffers never
+// released), 68 cases each with its verdict, and a summary whose counts are the verdicts'. Gives the number passed.
+int expect_complete(const ZsetRun& run, Transcript* out = nullptr, const std::string& err = "") {
     EXPECT_EQ(run.exit_code, 0);
-    EXPECT_EQ(run.err, "");
+    EXPECT_EQ(run.err, err);
     const Transcript t = parse_transcript(run.out);
     EXPECT_TRUE(t.well_formed) << run.out;
     EXPECT_EQ(t.cases.size(), static_cast<size_t>(kCases)) << run.out;
@@ -247,10 +247,8 @@ TEST_P(ZsetFault, FailsExactlyItsChecks) {
     RedisServer server(kZsetPort);  // fresh: the time-to-live keys must not exist yet
     const ZsetRun run = run_with(fault.name);
 
-    EXPECT_EQ(run.exit_code, 0);
-    EXPECT_EQ(run.err, fault.err);
-    const Transcript t = parse_transcript(run.out);
-    EXPECT_TRUE(t.well_formed);
+    Transcript t;
+    expect_complete(run, &t, fault.err);  // and so the summary counts the verdicts checked below
     EXPECT_EQ(t.preamble_failures, fault.outside);
     const std::vector<std::string> labels = case_labels();
     ASSERT_EQ(t.cases.size(), labels.size()) << run.out;
@@ -262,8 +260,6 @@ TEST_P(ZsetFault, FailsExactlyItsChecks) {
         if (fails) expected.erase(it);
     }
     EXPECT_TRUE(expected.empty()) << "no case " << expected.begin()->first;
-    const int failed = static_cast<int>(fault.failing.size());
-    EXPECT_EQ(t.summary, summary_line(kCases - failed, failed));
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, ZsetFault, testing::ValuesIn(faults()),
