@@ -1,16 +1,16 @@
-// command_runner.cpp -- posix_spawn with three pipes and a poll loop, so that a program that writes a lot on both
-// outputs, or reads its input slowly, never blocks the test.
+// command_runner.cpp -- posix_spawn with two output pipes and a poll loop, so that a program that writes a lot on
+// both outputs never blocks the test. Standard input is an in-memory file, so it never blocks either.
 #include "command_runner.h"
 
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -22,17 +22,6 @@ extern char** environ;
 namespace kelvane_test {
 namespace {
 
-// The inherited environment with the given entries put over it.
-std::vector<std::string> merged_environment(const std::vector<std::string>& extra) {
-    std::map<std::string, std::string> entries;
-    auto put = [&](const std::string& e) { entries[e.substr(0, e.find('='))] = e; };
-    for (char** e = environ; *e; ++e) put(*e);
-    for (const auto& e : extra) put(e);
-    std::vector<std::string> out;
-    for (auto& [name, entry] : entries) out.push_back(entry);
-    return out;
-}
-
 std::vector<char*> pointers(std::vector<std::string>& strings) {
     std::vector<char*> p;
     for (auto& s : strings) p.push_back(s.data());
@@ -43,79 +32,60 @@ std::vector<char*> pointers(std::vector<std::string>& strings) {
 }  // namespace
 
 CommandResult run_command(const std::vector<std::string>& argv_in, const CommandOptions& options) {
-    int in_pipe[2], out_pipe[2], err_pipe[2];
-    if (pipe2(in_pipe, O_CLOEXEC) != 0 || pipe2(out_pipe, O_CLOEXEC) != 0 || pipe2(err_pipe, O_CLOEXEC) != 0) {
-        throw std::runtime_error("pipe failed");
+    // The inherited environment with the given entries put over it.
+    std::map<std::string, std::string> entries;
+    for (char** e = environ; *e; ++e) entries[std::string(*e).substr(0, std::string(*e).find('='))] = *e;
+    for (const auto& e : options.env) entries[e.substr(0, e.find('='))] = e;
+    std::vector<std::string> env, args = argv_in;
+    for (const auto& [name, entry] : entries) env.push_back(entry);
+
+    const int in_fd = memfd_create("stdin", MFD_CLOEXEC);
+    int pipes[2][2];
+    if (in_fd < 0 || write(in_fd, options.input.data(), options.input.size()) < 0 || lseek(in_fd, 0, SEEK_SET) != 0 ||
+        pipe2(pipes[0], O_CLOEXEC) != 0 || pipe2(pipes[1], O_CLOEXEC) != 0) {
+        throw std::runtime_error("cannot set up the standard streams");
     }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in_pipe[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, out_pipe[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, err_pipe[1], 2);
+    posix_spawn_file_actions_adddup2(&actions, in_fd, 0);
+    posix_spawn_file_actions_adddup2(&actions, pipes[0][1], 1);
+    posix_spawn_file_actions_adddup2(&actions, pipes[1][1], 2);
     if (!options.dir.empty()) posix_spawn_file_actions_addchdir_np(&actions, options.dir.c_str());
-
-    std::vector<std::string> args = argv_in;
-    std::vector<std::string> env = merged_environment(options.env);
-    std::vector<char*> argv = pointers(args), envp = pointers(env);
     const auto start = std::chrono::steady_clock::now();
     pid_t pid = -1;
-    const int rc = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+    const int rc = posix_spawnp(&pid, args[0].c_str(), &actions, nullptr, pointers(args).data(), pointers(env).data());
     posix_spawn_file_actions_destroy(&actions);
-    close(in_pipe[0]);
-    close(out_pipe[1]);
-    close(err_pipe[1]);
+    close(in_fd), close(pipes[0][1]), close(pipes[1][1]);
     if (rc != 0) {
-        close(in_pipe[1]), close(out_pipe[0]), close(err_pipe[0]);
+        close(pipes[0][0]), close(pipes[1][0]);
         throw std::runtime_error("cannot start " + args[0]);
     }
 
-    // A reader that stops early must not kill the test with SIGPIPE.
-    signal(SIGPIPE, SIG_IGN);
     CommandResult result;
-    size_t written = 0;
-    int in_fd = in_pipe[1];
-    if (options.input.empty()) close(in_fd), in_fd = -1;
-    bool out_open = true, err_open = true, killed = false;
-    while (out_open || err_open) {
-        const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        if (!killed && elapsed > options.timeout_s) {
-            kill(pid, SIGKILL);
-            killed = true;
-        }
-        pollfd fds[3] = {{out_open ? out_pipe[0] : -1, POLLIN, 0},
-                         {err_open ? err_pipe[0] : -1, POLLIN, 0},
-                         {in_fd, POLLOUT, 0}};
-        poll(fds, 3, 50);
-        char buf[65536];
+    std::string* sinks[2] = {&result.out, &result.err};
+    pollfd fds[2] = {{pipes[0][0], POLLIN, 0}, {pipes[1][0], POLLIN, 0}};
+    bool during_due = options.during && options.during_after_ms > 0, killed = false;
+    while (fds[0].fd >= 0 || fds[1].fd >= 0) {
+        const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                 std::chrono::steady_clock::now() - start).count();
+        if (during_due && elapsed >= options.during_after_ms) options.during(), during_due = false;
+        if (!killed && elapsed > options.timeout_s * 1000L) killed = ::kill(pid, SIGKILL) == 0;
+        poll(fds, 2, 10);
         for (int i = 0; i < 2; ++i) {
-            if (fds[i].revents == 0) continue;
+            if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+            char buf[65536];
             const ssize_t n = read(fds[i].fd, buf, sizeof buf);
-            if (n > 0) {
-                (i == 0 ? result.out : result.err).append(buf, static_cast<size_t>(n));
-            } else {
-                close(fds[i].fd);
-                (i == 0 ? out_open : err_open) = false;
-            }
-        }
-        if (in_fd >= 0 && fds[2].revents != 0) {
-            const ssize_t n = (fds[2].revents & POLLOUT)
-                                  ? write(in_fd, options.input.data() + written, options.input.size() - written)
-                                  : -1;
-            if (n > 0) written += static_cast<size_t>(n);
-            if (n <= 0 || written == options.input.size()) close(in_fd), in_fd = -1;
+            if (n > 0) sinks[i]->append(buf, static_cast<size_t>(n));
+            else close(fds[i].fd), fds[i].fd = -1;
         }
     }
-    if (in_fd >= 0) close(in_fd);
+    if (during_due) options.during();
     int status = 0;
     waitpid(pid, &status, 0);
     result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     if (WIFEXITED(status)) result.exit_code = WEXITSTATUS(status);
     if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
     return result;
-}
-
-CommandResult run_shell(const std::string& script, const CommandOptions& options) {
-    return run_command({"/bin/sh", "-c", script}, options);
 }
 
 std::string read_file(const std::string& path) {
@@ -128,8 +98,7 @@ std::string read_file(const std::string& path) {
 
 void write_file(const std::string& path, const std::string& bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << bytes;
-    if (!out.flush()) throw std::runtime_error("cannot write " + path);
+    if (!(out << bytes).flush()) throw std::runtime_error("cannot write " + path);
 }
 
 TempDir::TempDir() {

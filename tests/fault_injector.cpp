@@ -78,24 +78,12 @@ Range decode(va_list ap, int32_t flags, void*** members, size_t* count, size_t**
     if (flags & ZSET_WITH_VALUES) r.values = va_arg(ap, void***), r.values_len = va_arg(ap, size_t**);
     return r;
 }
-#define DECODE_RANGE(r)                                              \
-    va_list ap;                                                      \
-    va_start(ap, flags);                                             \
-    const Range r = decode(ap, flags, members, count, members_len); \
-    va_end(ap)
-
 // Calls f with the fixed arguments, the flags and exactly the optional arguments the flags ask for.
 template <class F, class... Fixed>
 int32_t forward(F f, const Range& r, int32_t flags, Fixed... fixed) {
-    const bool l = flags & ZSET_WITH_LIMIT, s = flags & ZSET_WITH_SCORES, v = flags & ZSET_WITH_VALUES;
-    if (l && s && v) return f(fixed..., flags, r.offset, r.limit, r.scores, r.values, r.values_len);
-    if (l && s) return f(fixed..., flags, r.offset, r.limit, r.scores);
-    if (l && v) return f(fixed..., flags, r.offset, r.limit, r.values, r.values_len);
-    if (l) return f(fixed..., flags, r.offset, r.limit);
-    if (s && v) return f(fixed..., flags, r.scores, r.values, r.values_len);
-    if (s) return f(fixed..., flags, r.scores);
-    if (v) return f(fixed..., flags, r.values, r.values_len);
-    return f(fixed..., flags);
+    auto v = [&](auto... a) { return flags & ZSET_WITH_VALUES ? f(a..., r.values, r.values_len) : f(a...); };
+    auto s = [&](auto... a) { return flags & ZSET_WITH_SCORES ? v(a..., r.scores) : v(a...); };
+    return flags & ZSET_WITH_LIMIT ? s(fixed..., flags, r.offset, r.limit) : s(fixed..., flags);
 }
 
 template <class T>
@@ -162,6 +150,14 @@ int32_t range(Range r, int32_t flags, Call call) {
     return turn("range_absent_key_success", status, KV_NOTFOUND, KV_SUCCESS);
 }
 
+// The body of a range read: its optional arguments decoded, then the call made under the current fault.
+#define RANGE_READ(...)                                                      \
+    va_list ap;                                                              \
+    va_start(ap, flags);                                                     \
+    const Range r = decode(ap, flags, members, count, members_len);         \
+    va_end(ap);                                                              \
+    return range(r, flags, [&](int32_t f, const Range& x) { return forward(real, x, f, __VA_ARGS__); })
+
 }  // namespace
 
 // ---- Set-up and keys ------------------------------------------------------
@@ -176,9 +172,8 @@ extern "C" kv_client* kv_client_create(int32_t connect_timeout_s, int32_t comman
 
 extern "C" void kv_mm_destroy(kv_mm* mm) {
     static const auto real = REAL(kv_mm_destroy);
-    if (mm != nullptr && mm->live_count(mm) != 0) {
-        std::fprintf(stderr, "fault_injector: %zu buffers never released\n", mm->live_count(mm));
-    }
+    const size_t live = mm != nullptr ? mm->live_count(mm) : 0;
+    if (live != 0) std::fprintf(stderr, "fault_injector: %zu buffers never released\n", live);
     real(mm);
 }
 
@@ -324,19 +319,13 @@ extern "C" int32_t kv_zcount(kv_client* client, const char* key, size_t key_len,
 extern "C" int32_t kv_zrange(kv_client* client, const char* key, size_t key_len, int32_t start, int32_t stop,
                              void*** members, size_t* count, size_t** members_len, int32_t flags, ...) {
     ENTER(kv_zrange);
-    DECODE_RANGE(r);
-    return range(r, flags, [&](int32_t f, const Range& x) {
-        return forward(real, x, f, client, key, key_len, start, stop, members, count, members_len);
-    });
+    RANGE_READ(client, key, key_len, start, stop, members, count, members_len);
 }
 
 extern "C" int32_t kv_zrangebyscore(kv_client* client, const char* key, size_t key_len, double min, double max,
                                     void*** members, size_t* count, size_t** members_len, int32_t flags, ...) {
     ENTER(kv_zrangebyscore);
-    DECODE_RANGE(r);
-    return range(r, flags, [&](int32_t f, const Range& x) {
-        return forward(real, x, f, client, key, key_len, min, max, members, count, members_len);
-    });
+    RANGE_READ(client, key, key_len, min, max, members, count, members_len);
 }
 
 // range_suffix_dropped: the _whole reads get an empty suffix.
@@ -344,22 +333,16 @@ extern "C" int32_t kv_zrange_whole(kv_client* client, const char* key, size_t ke
                                    void*** members, size_t* count, size_t** members_len, const char* suffix,
                                    size_t suffix_len, int32_t flags, ...) {
     ENTER(kv_zrange_whole);
-    DECODE_RANGE(r);
     if (is("range_suffix_dropped")) suffix_len = 0;
-    return range(r, flags, [&](int32_t f, const Range& x) {
-        return forward(real, x, f, client, key, key_len, start, stop, members, count, members_len, suffix, suffix_len);
-    });
+    RANGE_READ(client, key, key_len, start, stop, members, count, members_len, suffix, suffix_len);
 }
 
 extern "C" int32_t kv_zrangebyscore_whole(kv_client* client, const char* key, size_t key_len, double min,
                                           double max, void*** members, size_t* count, size_t** members_len,
                                           const char* suffix, size_t suffix_len, int32_t flags, ...) {
     ENTER(kv_zrangebyscore_whole);
-    DECODE_RANGE(r);
     if (is("range_suffix_dropped")) suffix_len = 0;
-    return range(r, flags, [&](int32_t f, const Range& x) {
-        return forward(real, x, f, client, key, key_len, min, max, members, count, members_len, suffix, suffix_len);
-    });
+    RANGE_READ(client, key, key_len, min, max, members, count, members_len, suffix, suffix_len);
 }
 
 extern "C" char* voidtostring(const void* item, size_t len, kv_mm* mm) {

@@ -1,11 +1,12 @@
-// fault_injector.h -- what the zset transcript tests share: the environment that loads the fault injector into
-// zset, the summary line, and the guard for the fixed port that zset always talks to.
+// fault_injector.h -- what the zset transcript tests share: zset's suites and summary line, the environment that
+// loads the fault injector into zset, and the guard for the fixed port that zset always talks to.
 #ifndef KELVANE_TESTS_FAULT_INJECTOR_H
 #define KELVANE_TESTS_FAULT_INJECTOR_H
 
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "private_network.h"
@@ -23,6 +24,22 @@ namespace kelvane_test {
 
 constexpr int kZsetPort = 12345;
 constexpr int kCases = 68;
+
+// zset's 18 suites in run order with their numbers of cases. The eight writing suites (ZADD to ZADDDIS, ZINCRBY)
+// end with two time-to-live cases, without and with commit.
+inline const std::vector<std::pair<std::string, int>> kSuites = {
+    {"ZADD", 4},  {"ZMADD", 4}, {"ZADDVAL", 4},        {"ZMADDVAL", 4},         {"ZADDVALMAX", 4}, {"ZADDMAXINC", 4},
+    {"ZADDDIS", 5}, {"ZSCORE", 3}, {"ZRANGE", 8},      {"ZREM", 2},             {"ZMREM", 2},      {"ZRANGEBYSCORE", 10},
+    {"ZREMRANGEBYSCORE", 2}, {"ZCARD", 2}, {"ZCOUNT", 2}, {"ZINCRBY", 4},       {"ZRANK", 2},      {"ZREMRANGEBYRANK", 2}};
+
+// The 68 cases named by suite and position, "ZADD 1" to "ZREMRANGEBYRANK 2".
+inline std::vector<std::string> case_labels() {
+    std::vector<std::string> labels;
+    for (const auto& [suite, count] : kSuites) {
+        for (int n = 1; n <= count; ++n) labels.push_back(suite + " " + std::to_string(n));
+    }
+    return labels;
+}
 
 inline std::string summary_line(int passed, int failed) {
     return std::string(31, '=') + " ZSET: PASSED = " + std::to_string(passed) +

@@ -26,38 +26,18 @@ bool is(const xmlNode* node, const char* name) {
     return node->type == XML_ELEMENT_NODE && std::strcmp(reinterpret_cast<const char*>(node->name), name) == 0;
 }
 
-std::string attribute(const xmlNode* node, const char* name) {
-    xmlChar* v = xmlGetProp(node, reinterpret_cast<const xmlChar*>(name));
-    if (v == nullptr) return "";
-    std::string s(reinterpret_cast<const char*>(v));
+// An attribute's value, or without one the node's text; "" when there is none.
+std::string text(const xmlNode* node, const char* attribute = nullptr) {
+    xmlChar* v = attribute ? xmlGetProp(node, reinterpret_cast<const xmlChar*>(attribute))
+                           : xmlNodeGetContent(node);
+    const std::string s = v ? reinterpret_cast<const char*>(v) : "";
     xmlFree(v);
     return s;
 }
 
-int count_attribute(const xmlNode* node, const char* name) {
-    const std::string v = attribute(node, name);
+int count(const xmlNode* node, const char* name) {
+    const std::string v = text(node, name);
     return v.empty() ? -1 : std::stoi(v);
-}
-
-std::string text_of(const xmlNode* node) {
-    xmlChar* v = xmlNodeGetContent(node);
-    std::string s(reinterpret_cast<const char*>(v));
-    xmlFree(v);
-    return s;
-}
-
-JunitCase read_case(const xmlNode* node, const std::string& suite) {
-    JunitCase c{suite, attribute(node, "classname"), attribute(node, "name"), "", "", "", ""};
-    for (const xmlNode* child = node->children; child; child = child->next) {
-        if (is(child, "failure") || is(child, "error")) {
-            c.kind = reinterpret_cast<const char*>(child->name);
-            c.message = attribute(child, "message");
-            c.text = text_of(child);
-        } else if (is(child, "system-out")) {
-            c.system_out = text_of(child);
-        }
-    }
-    return c;
 }
 
 }  // namespace
@@ -66,50 +46,48 @@ JunitDocument read_junit(const std::string& xml) {
     JunitDocument doc;
     xmlSetGenericErrorFunc(&doc.parse_error, collect_error);
     std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> tree(
-        xmlReadMemory(xml.data(), static_cast<int>(xml.size()), "junit.xml", nullptr, XML_PARSE_NONET),
-        &xmlFreeDoc);
+        xmlReadMemory(xml.data(), static_cast<int>(xml.size()), "junit.xml", nullptr, XML_PARSE_NONET), &xmlFreeDoc);
     xmlSetGenericErrorFunc(nullptr, nullptr);
-    if (!tree) {
-        if (doc.parse_error.empty()) doc.parse_error = "not XML";
-        return doc;
-    }
-    const xmlNode* root = xmlDocGetRootElement(tree.get());
+    const xmlNode* root = tree ? xmlDocGetRootElement(tree.get()) : nullptr;
     if (root == nullptr || !is(root, "testsuites")) {
-        doc.parse_error = "the root element is not <testsuites>";
+        if (doc.parse_error.empty()) doc.parse_error = "no <testsuites> root element";
         return doc;
     }
-    doc.tests = count_attribute(root, "tests");
-    doc.failures = count_attribute(root, "failures");
-    doc.errors = count_attribute(root, "errors");
+    doc.tests = count(root, "tests"), doc.failures = count(root, "failures"), doc.errors = count(root, "errors");
     for (const xmlNode* s = root->children; s; s = s->next) {
         if (!is(s, "testsuite")) continue;
-        JunitSuite suite{attribute(s, "name"), count_attribute(s, "tests"), count_attribute(s, "failures"),
-                         count_attribute(s, "errors")};
-        doc.suites.push_back(suite);
+        doc.suites.push_back({text(s, "name"), count(s, "tests"), count(s, "failures"), count(s, "errors")});
         for (const xmlNode* c = s->children; c; c = c->next) {
-            if (is(c, "testcase")) doc.cases.push_back(read_case(c, suite.name));
+            if (!is(c, "testcase")) continue;
+            JunitCase jc{doc.suites.back().name, text(c, "classname"), text(c, "name"), "", "", "", ""};
+            for (const xmlNode* child = c->children; child; child = child->next) {
+                if (is(child, "failure") || is(child, "error")) {
+                    jc.kind = reinterpret_cast<const char*>(child->name);
+                    jc.message = text(child, "message");
+                    jc.text = text(child);
+                } else if (is(child, "system-out")) {
+                    jc.system_out = text(child);
+                }
+            }
+            doc.cases.push_back(jc);
         }
     }
     return doc;
 }
 
 bool JunitDocument::counts_agree() const {
-    auto count = [&](const std::string& suite, const std::string& kind, bool any_kind) {
-        int n = 0;
-        for (const auto& c : cases) n += (suite.empty() || c.suite == suite) && (any_kind || c.kind == kind);
-        return n;
-    };
-    if (tests != count("", "", true) || failures != count("", "failure", false) ||
-        errors != count("", "error", false)) {
-        return false;
-    }
-    for (const auto& s : suites) {
-        if (s.tests != count(s.name, "", true) || s.failures != count(s.name, "failure", false) ||
-            s.errors != count(s.name, "error", false)) {
-            return false;
+    // The counts of the whole document and of each suite (named "" for the whole).
+    auto agree = [&](const std::string& suite, int t, int f, int e) {
+        int tests = 0, failures = 0, errors = 0;
+        for (const auto& c : cases) {
+            if (!suite.empty() && c.suite != suite) continue;
+            ++tests, failures += c.kind == "failure", errors += c.kind == "error";
         }
-    }
-    return true;
+        return t == tests && f == failures && e == errors;
+    };
+    bool ok = agree("", tests, failures, errors);
+    for (const auto& s : suites) ok = ok && agree(s.name, s.tests, s.failures, s.errors);
+    return ok;
 }
 
 std::vector<JunitCase> JunitDocument::of_kind(const std::string& kind) const {

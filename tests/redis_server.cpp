@@ -35,10 +35,7 @@ std::string reply_text(const redisReply* r) {
         case REDIS_REPLY_NIL: return "(nil)";
         case REDIS_REPLY_ARRAY: {
             std::string out;
-            for (size_t i = 0; i < r->elements; ++i) {
-                if (i) out += ",";
-                out += reply_text(r->element[i]);
-            }
+            for (size_t i = 0; i < r->elements; ++i) out += (i ? "," : "") + reply_text(r->element[i]);
             return out;
         }
         default: return std::string(r->str, r->len);
@@ -55,10 +52,8 @@ RedisServer::RedisServer(int port) : port_(port != 0 ? port : free_port()) {
 }
 
 RedisServer::~RedisServer() {
-    if (pid_ > 0) {
-        thaw();
-        stop();
-    }
+    thaw();
+    stop();
     std::error_code ignored;
     std::filesystem::remove_all(dir_, ignored);
 }
@@ -66,22 +61,19 @@ RedisServer::~RedisServer() {
 void RedisServer::start() {
     if (pid_ > 0) return;
     const std::string port = std::to_string(port_);
-    const std::string log = dir_ + "/redis.log";
-    std::vector<std::string> args = {"redis-server", "--port", port, "--bind", "127.0.0.1",
-                                     "--save", "", "--appendonly", "no", "--dir", dir_,
-                                     "--logfile", log, "--daemonize", "no"};
+    std::vector<std::string> args = {"redis-server", "--port", port, "--bind", "127.0.0.1", "--save", "",
+                                     "--appendonly", "no", "--dir", dir_, "--logfile", dir_ + "/redis.log",
+                                     "--daemonize", "no"};
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
-    pid_t pid = -1;
-    if (posix_spawnp(&pid, "redis-server", nullptr, nullptr, argv.data(), environ) != 0) {
+    if (posix_spawnp(&pid_, "redis-server", nullptr, nullptr, argv.data(), environ) != 0) {
+        pid_ = -1;
         throw std::runtime_error("cannot start redis-server");
     }
-    pid_ = pid;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (!listening(port_)) {
-        int status = 0;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+        if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
             pid_ = -1;
             throw std::runtime_error("redis-server exited on start; port " + port + " taken?");
         }
@@ -92,27 +84,17 @@ void RedisServer::start() {
     }
 }
 
-void RedisServer::stop() {
+void RedisServer::end(int signal) {
     if (pid_ <= 0) return;
-    ::kill(pid_, SIGTERM);
+    ::kill(pid_, signal);
     waitpid(pid_, nullptr, 0);
     pid_ = -1;
 }
 
-void RedisServer::kill() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-}
-
-void RedisServer::freeze() {
-    if (pid_ > 0) ::kill(pid_, SIGSTOP);
-}
-
-void RedisServer::thaw() {
-    if (pid_ > 0) ::kill(pid_, SIGCONT);
-}
+void RedisServer::stop() { end(SIGTERM); }
+void RedisServer::kill() { end(SIGKILL); }
+void RedisServer::freeze() { if (pid_ > 0) ::kill(pid_, SIGSTOP); }
+void RedisServer::thaw() { if (pid_ > 0) ::kill(pid_, SIGCONT); }
 
 std::string RedisServer::command(const std::vector<std::string>& argv) const {
     redisContext* c = redisConnect("127.0.0.1", port_);
@@ -122,32 +104,28 @@ std::string RedisServer::command(const std::vector<std::string>& argv) const {
     }
     std::vector<const char*> ptrs;
     std::vector<size_t> lens;
-    for (const auto& a : argv) {
-        ptrs.push_back(a.data());
-        lens.push_back(a.size());
-    }
-    auto* r = static_cast<redisReply*>(
-        redisCommandArgv(c, static_cast<int>(ptrs.size()), ptrs.data(), lens.data()));
-    std::string out = r ? reply_text(r) : "(transport error)";
+    for (const auto& a : argv) ptrs.push_back(a.data()), lens.push_back(a.size());
+    auto* r = static_cast<redisReply*>(redisCommandArgv(c, static_cast<int>(ptrs.size()), ptrs.data(), lens.data()));
+    const std::string out = r ? reply_text(r) : "(transport error)";
     if (r) freeReplyObject(r);
     redisFree(c);
     return out;
 }
 
 int RedisServer::free_port() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in addr = loopback(0);
-    bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
     socklen_t len = sizeof addr;
+    bind(fd, reinterpret_cast<sockaddr*>(&addr), len);
     getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
     close(fd);
     return ntohs(addr.sin_port);
 }
 
 bool RedisServer::listening(int port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr = loopback(port);
-    bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    const sockaddr_in addr = loopback(port);
+    const bool ok = connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0;
     close(fd);
     return ok;
 }

@@ -1,52 +1,38 @@
-// zset_runner.h -- runs the built zset program as a user would and captures
-// what it prints, for the tests that judge its transcript.
+// zset_runner.h -- runs the built zset program as a user would and reads what it prints, for the tests that
+// judge its transcript.
 #ifndef KELVANE_TESTS_ZSET_RUNNER_H
 #define KELVANE_TESTS_ZSET_RUNNER_H
 
-#include <functional>
 #include <string>
 #include <vector>
 
+#include "command_runner.h"
+
 namespace kelvane_test {
 
-struct ZsetRun {
-    std::string out;  // standard output, whole
-    std::string err;  // standard error, whole
-    int exit_code = -1;  // -1 when it did not exit normally
-    int signal = 0;      // the signal that ended it, if one did
-    double seconds = 0;
-};
+using ZsetRun = CommandResult;
 
-struct ZsetRunOptions {
-    // Extra environment entries ("NAME=value"), e.g. LD_PRELOAD.
-    std::vector<std::string> env;
-    // A command put in front of zset, e.g. {"valgrind", "--error-exitcode=99"}.
+// The environment (e.g. LD_PRELOAD), deadline and action in the middle of the run, and a command put in front of
+// zset, e.g. {"valgrind", "-q"}.
+struct ZsetRunOptions : CommandOptions {
     std::vector<std::string> wrapper;
-    // Called once, this many milliseconds after zset started (0: never).
-    int during_after_ms = 0;
-    std::function<void()> during;
-    // zset is killed after this long.
-    int timeout_s = 120;
 };
-
-// The path of the zset binary under test (set by the build).
-std::string zset_path();
 
 ZsetRun run_zset(const ZsetRunOptions& options = {});
 
-// The transcript split into lines (without their newlines).
+// The text split into lines (without their newlines).
 std::vector<std::string> lines_of(const std::string& text);
 
-// One case of a transcript: its title, the condition texts of its failure
-// lines, and its verdict.
+// One case of a transcript: its title, its failure lines whole and their condition texts, and its verdict.
 struct CaseResult {
     std::string title;
     std::vector<std::string> failed_conditions;
     bool passed = false;
+    std::vector<std::string> failure_lines;
 };
 
 struct Transcript {
-    std::vector<std::string> preamble_failures;  // failure lines before the first header
+    std::vector<std::string> preamble_failures;  // condition texts of failure lines before the first header
     std::vector<CaseResult> cases;
     std::string summary;  // the last line
     bool well_formed = false;  // every header has one verdict, each followed by an empty line

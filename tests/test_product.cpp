@@ -1,0 +1,285 @@
+// test_product.cpp -- the product as users run and install it. scripts/run-zset.sh on this build (--no-build):
+// zset's transcript on standard output byte for byte, the failed cases on standard error, the JUnit report and the
+// exit status (0 clean, 1 failed or incomplete, 2 cannot set up) with each of its options. `cmake --install` into
+// a prefix that is then moved: C programs built through pkg-config and find_package, and its zset, run against its
+// library. `cpack -G DEB`: three packages, one component each. Each test process has a network of its own.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "command_runner.h"
+#include "fault_injector.h"
+#include "junit_document.h"
+#include "redis_server.h"
+#include "zset_runner.h"
+
+namespace kelvane_test {
+namespace {
+
+namespace fs = std::filesystem;
+
+#if !defined(KELVANE_SOURCE_DIR) || !defined(KELVANE_BUILD_DIR) || !defined(KELVANE_INSTALL_LIBDIR)
+#error "the build must define KELVANE_SOURCE_DIR, KELVANE_BUILD_DIR and the install directories"
+#endif
+
+bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// ---- The run script ------------------------------------------------------------
+
+struct ScriptRun {
+    CommandResult run;
+    JunitDocument junit;
+};
+
+// run-zset.sh --no-build --build-dir <this build> <args>, from a temporary working directory; the report, if
+// asked for with --junit report.xml, is read back.
+ScriptRun run_script(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
+    TempDir cwd;
+    std::vector<std::string> argv = {std::string(KELVANE_SOURCE_DIR) + "/scripts/run-zset.sh", "--no-build",
+                                     "--build-dir", KELVANE_BUILD_DIR};
+    argv.insert(argv.end(), args.begin(), args.end());
+    CommandOptions options;
+    options.dir = cwd.path();
+    options.env = env;
+    options.timeout_s = 180;
+    ScriptRun r{run_command(argv, options), {}};
+    if (fs::exists(cwd / "report.xml")) r.junit = read_junit(read_file(cwd / "report.xml"));
+    else r.junit.parse_error = "no report";
+    return r;
+}
+
+bool complete(const std::string& out) {
+    const Transcript t = parse_transcript(out);
+    return t.well_formed && t.cases.size() == static_cast<size_t>(kCases) && !t.summary.empty();
+}
+
+TEST(RunScript, CleanRunPassesWithZsetsTranscriptUntouched) {
+    SKIP_UNLESS_ZSET_PORT_FREE();
+    const ScriptRun r = run_script({"--junit", "report.xml"});
+    EXPECT_EQ(r.run.exit_code, 0) << r.run.err;
+    ASSERT_TRUE(r.junit.well_formed()) << r.junit.parse_error;
+    EXPECT_EQ(r.junit.tests, kCases);
+    EXPECT_EQ(r.junit.failures + r.junit.errors, 0);
+    EXPECT_TRUE(has(r.run.err, "zset-report: PASSED, 68 of 68 cases passed\n")) << r.run.err;
+    EXPECT_FALSE(RedisServer::listening(kZsetPort)) << "the script left its server running";
+
+    // The same bytes zset prints on its own against a fresh server.
+    RedisServer server(kZsetPort);
+    EXPECT_EQ(r.run.out, run_zset().out);
+}
+
+// zset carries a search path to this build's library; --library must win over it, as the loader itself reports.
+// The library there has one fault (the injector loaded over it), and the run fails with exactly its case.
+TEST(RunScript, LibraryOptionRunsThatLibraryAndItsFaultFailsTheRun) {
+    SKIP_UNLESS_ZSET_PORT_FREE();
+    TempDir lib;
+    const std::string built = fs::canonical(std::string(KELVANE_BUILD_DIR) + "/lib/libkelvane.so.1");
+    fs::copy_file(built, lib / "libkelvane.so.1");
+    std::vector<std::string> env = injector_env("zcount_max_exclusive");
+    env.push_back("LD_DEBUG=libs");
+    const ScriptRun r = run_script({"--library", lib.path(), "--junit", "report.xml"}, env);
+    EXPECT_EQ(r.run.exit_code, 1);
+    EXPECT_TRUE(complete(r.run.out)) << r.run.out;
+    EXPECT_TRUE(has(r.run.err, "calling init: " + lib.path() + "/libkelvane.so.1\n"));
+    EXPECT_FALSE(has(r.run.err, "calling init: " + built));
+    EXPECT_TRUE(has(r.run.err, "zset runs against " + lib.path() + "/libkelvane.so.1"));
+    EXPECT_TRUE(has(r.run.err, "FAILED ZCOUNT 1 \"ZCOUNT - sorted sets\"\n    Condition=[i == 3] HAS FAILED at zset.cpp"))
+        << r.run.err;
+    ASSERT_TRUE(r.junit.well_formed()) << r.junit.parse_error;
+    const auto failures = r.junit.of_kind("failure");
+    ASSERT_EQ(failures.size(), 1u);
+    EXPECT_EQ(failures[0].name, "ZCOUNT - sorted sets");
+    EXPECT_EQ(failures[0].message.rfind("Condition=[i == 3] HAS FAILED at zset.cpp line ", 0), 0u);
+}
+
+TEST(RunScript, ServerBinaryAndExistingServerOptions) {
+    SKIP_UNLESS_ZSET_PORT_FREE();
+    TempDir dir;
+    write_file(dir / "my-server", "#!/bin/sh\necho started > \"$MARKER\"\nexec redis-server \"$@\"\n");
+    chmod((dir / "my-server").c_str(), 0755);
+    const ScriptRun own = run_script({"--server-bin", dir / "my-server"}, {"MARKER=" + (dir / "marker")});
+    EXPECT_EQ(own.run.exit_code, 0) << own.run.err;
+    EXPECT_TRUE(fs::exists(dir / "marker")) << "--server-bin was not the server started";
+    EXPECT_FALSE(RedisServer::listening(kZsetPort));
+
+    RedisServer server(kZsetPort);
+    const ScriptRun existing = run_script({"--existing-server"});
+    EXPECT_EQ(existing.run.exit_code, 0) << existing.run.err;
+    EXPECT_TRUE(complete(existing.run.out));
+    EXPECT_TRUE(RedisServer::listening(kZsetPort)) << "the script stopped a server it did not start";
+}
+
+TEST(RunScript, WhatCannotBeSetUpExits2WithoutRunningZset) {
+    SKIP_UNLESS_ZSET_PORT_FREE();
+    TempDir empty;
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"--existing-server"},  // nothing listens
+             {"--server-bin", empty / "no-such-server"}, {"--server-bin", "/bin/false"}, {"--library", empty.path()},
+             {"--build-dir", empty.path()}, {"--timeout", "soon"}, {"--no-such-option"},
+             {"--existing-server", "--cluster"}, {"--junit", "no/such/dir/report.xml"}}) {
+        const ScriptRun r = run_script(args);
+        EXPECT_EQ(r.run.exit_code, 2) << args[0] << " " << (args.size() > 1 ? args[1] : "") << "\n" << r.run.err;
+        EXPECT_EQ(r.run.out, "") << args[0];
+        EXPECT_NE(r.run.err, "") << args[0];
+    }
+    // Ports taken: 12345 for one server; any of 12345-12350 and their bus ports for a cluster.
+    for (const int port : {kZsetPort, 12348, 22346}) {
+        RedisServer squatter(port);
+        const ScriptRun r = run_script(port == kZsetPort ? std::vector<std::string>{} : std::vector<std::string>{"--cluster"});
+        EXPECT_EQ(r.run.exit_code, 2) << port;
+        EXPECT_EQ(r.run.out, "") << port;
+        EXPECT_TRUE(has(r.run.err, "already listens on 127.0.0.1:" + std::to_string(port))) << r.run.err;
+    }
+    const ScriptRun help = run_script({"--help"});
+    EXPECT_EQ(help.run.exit_code, 0);
+    EXPECT_TRUE(has(help.run.out, "Exit status:"));
+}
+
+// KELVANE_FAULT=slow stretches the run to seconds; a one-second limit cuts it off.
+TEST(RunScript, ARunPastItsTimeoutIsStoppedAndFails) {
+    SKIP_UNLESS_ZSET_PORT_FREE();
+    const ScriptRun r = run_script({"--timeout", "1", "--junit", "report.xml"}, injector_env("slow"));
+    EXPECT_EQ(r.run.exit_code, 1);
+    EXPECT_LT(r.run.seconds, 30);
+    EXPECT_TRUE(has(r.run.err, "ran longer than 1 s")) << r.run.err;
+    ASSERT_TRUE(r.junit.well_formed()) << r.junit.parse_error;
+    const auto errors = r.junit.of_kind("error");
+    EXPECT_TRUE(std::any_of(errors.begin(), errors.end(), [](auto& c) { return has(c.message, "did not finish in time"); }));
+    EXPECT_GT(errors.size(), 1u) << "the cases after the cut are errors";
+    EXPECT_FALSE(RedisServer::listening(kZsetPort));
+}
+
+// A private cluster: the script forms it, runs zset once against it and takes it down. Whether every case passes
+// depends on the library's cluster support; the exit status must say which.
+TEST(RunScript, ClusterRunFormsRunsAndTearsDownAPrivateCluster) {
+    SKIP_UNLESS_ZSET_PORT_FREE();
+    const ScriptRun r = run_script({"--cluster", "--junit", "report.xml"});
+    EXPECT_TRUE(complete(r.run.out)) << r.run.out << r.run.err;
+    const bool all_passed = parse_transcript(r.run.out).summary == summary_line(kCases, 0);
+    EXPECT_EQ(r.run.exit_code, all_passed ? 0 : 1) << r.run.err;
+    ASSERT_TRUE(r.junit.well_formed()) << r.junit.parse_error;
+    EXPECT_GE(r.junit.tests, kCases);
+    for (int port = 12345; port <= 12350; ++port) EXPECT_FALSE(RedisServer::listening(port)) << port;
+}
+
+// ---- The installed product -----------------------------------------------------
+
+const std::string kLib = KELVANE_INSTALL_LIBDIR, kBin = KELVANE_INSTALL_BINDIR, kInclude = KELVANE_INSTALL_INCLUDEDIR;
+
+std::string quoted(const std::string& s) { return "'" + s + "'"; }
+
+// Runs a shell command and fails the test with its output if it does not exit 0; gives its standard output.
+std::string ok(const std::string& script, const std::vector<std::string>& env = {}) {
+    CommandOptions options;
+    options.env = env;
+    options.env.push_back("LC_ALL=C");  // byte order for ls and sort
+    options.timeout_s = 300;
+    const CommandResult r = run_command({"/bin/sh", "-c", script}, options);
+    EXPECT_EQ(r.exit_code, 0) << script << "\n" << r.out << r.err;
+    return r.out;
+}
+
+// Where the loader finds libkelvane.so.1 for a program, as the loader itself says.
+std::string loaded_library(const std::string& program) {
+    std::string path =
+        ok("LD_TRACE_LOADED_OBJECTS=1 " + quoted(program) + " | awk '$1 == \"libkelvane.so.1\" { print $3 }'");
+    if (!path.empty() && path.back() == '\n') path.pop_back();
+    return path;
+}
+
+bool same_file(const std::string& a, const std::string& b) {
+    std::error_code ec;
+    return fs::equivalent(a, b, ec);
+}
+
+TEST(Install, AMovedPrefixServesPkgConfigAndFindPackageConsumersAndZset) {
+    TempDir tmp;
+    ok(std::string(KELVANE_CMAKE) + " --install " + quoted(KELVANE_BUILD_DIR) + " --prefix " + quoted(tmp / "first") +
+       " >/dev/null");
+    EXPECT_EQ(read_file(tmp / "first/" + kInclude + "/kelvane.h"),
+              read_file(std::string(KELVANE_SOURCE_DIR) + "/include/kelvane.h"));
+    // No installed text file (pkg-config, CMake package files, the header) points back into the build or the
+    // sources. (Debug information names the build, as it should.)
+    for (const std::string& tree : {std::string(KELVANE_BUILD_DIR), std::string(KELVANE_SOURCE_DIR) + "/"}) {
+        EXPECT_EQ(ok("grep -rIlF " + quoted(tree) + " " + quoted(tmp / "first") + " || true"), "") << tree;
+    }
+    fs::rename(tmp / "first", tmp / "moved");
+    const std::string prefix = tmp / "moved", installed_lib = prefix + "/" + kLib + "/libkelvane.so.1";
+    const std::string consumer = std::string(KELVANE_SOURCE_DIR) + "/tests/install_consumer";
+
+    // pkg-config: the paths follow the .pc file to wherever the prefix now lies.
+    const std::vector<std::string> pc_env = {"PKG_CONFIG_PATH=" + prefix + "/" + kLib + "/pkgconfig"};
+    const std::string flags = ok("pkg-config --cflags --libs kelvane", pc_env);
+    EXPECT_NE(flags.find("-I" + prefix), std::string::npos) << flags;
+    EXPECT_NE(flags.find("-L" + prefix), std::string::npos) << flags;
+    EXPECT_EQ(ok("pkg-config --modversion kelvane", pc_env), "1.0.0\n");
+    ok(std::string(KELVANE_C_COMPILER) + " " + quoted(consumer + "/consumer.c") + " -o " +
+           quoted(tmp / "by-pkg-config") + " $(pkg-config --cflags --libs kelvane)" +
+           " -Wl,-rpath,$(pkg-config --variable=libdir kelvane)",
+       pc_env);
+    EXPECT_EQ(ok(quoted(tmp / "by-pkg-config")), "installed\n");
+    EXPECT_TRUE(same_file(loaded_library(tmp / "by-pkg-config"), installed_lib));
+
+    // find_package: the imported target kelvane::kelvane carries the include directory and the library.
+    const std::string build = tmp / "consumer-build";
+    ok(std::string(KELVANE_CMAKE) + " -S " + quoted(consumer) + " -B " + quoted(build) + " -DCMAKE_PREFIX_PATH=" +
+       quoted(prefix) + " -DCMAKE_C_COMPILER=" + quoted(KELVANE_C_COMPILER) + " >/dev/null && " + KELVANE_CMAKE +
+       " --build " + quoted(build) + " >/dev/null");
+    EXPECT_EQ(ok(quoted(build + "/consumer")), "installed\n");
+    EXPECT_TRUE(same_file(loaded_library(build + "/consumer"), installed_lib));
+
+    // zset in bin/ finds the library through its $ORIGIN-relative search path, and passes against it.
+    const std::string bin = prefix + "/" + kBin;
+    EXPECT_EQ(loaded_library(bin + "/zset"), bin + "/../" + kLib + "/libkelvane.so.1");
+    SKIP_UNLESS_ZSET_PORT_FREE();
+    RedisServer server(kZsetPort);
+    const CommandResult run = run_command({bin + "/zset"});
+    EXPECT_EQ(run.exit_code, 0);
+    CommandOptions input;
+    input.input = run.out;
+    const CommandResult judged = run_command({bin + "/zset-report"}, input);
+    EXPECT_EQ(judged.exit_code, 0) << judged.out;
+}
+
+TEST(Install, DebianPackagesCarryOneComponentEach) {
+    TempDir tmp;
+    ok("cd " + quoted(tmp.path()) + " && " + KELVANE_CPACK + " -G DEB --config " +
+       quoted(std::string(KELVANE_BUILD_DIR) + "/CPackConfig.cmake") + " >/dev/null");
+    std::string arch = ok("dpkg --print-architecture");
+    arch.pop_back();
+    const std::string lib_deb = "libkelvane1_1.0.0-1_" + arch + ".deb",
+                      dev_deb = "libkelvane-dev_1.0.0-1_" + arch + ".deb", zset_deb = "zset_1.0.0-1_" + arch + ".deb";
+    EXPECT_EQ(ok("cd " + quoted(tmp.path()) + " && ls *.deb"), dev_deb + "\n" + lib_deb + "\n" + zset_deb + "\n");
+    auto field = [&](const std::string& deb, const std::string& name) {
+        return ok("dpkg-deb -f " + quoted(tmp / deb) + " " + name);
+    };
+    auto contents = [&](const std::string& deb) {
+        return ok("dpkg-deb -c " + quoted(tmp / deb) + " | awk '{ print $6 $7 $8 }' | grep -v '/$' | "
+                  "sed 's/Targets-.*[.]cmake/Targets-<build type>.cmake/' | sort");
+    };
+    EXPECT_EQ(field(lib_deb, "Package"), "libkelvane1\n");
+    EXPECT_NE(field(lib_deb, "Depends").find("libhiredis"), std::string::npos);
+    EXPECT_EQ(contents(lib_deb), "./usr/lib/libkelvane.so.1->libkelvane.so.1.0.0\n./usr/lib/libkelvane.so.1.0.0\n");
+    EXPECT_NE(field(dev_deb, "Depends").find("libkelvane1 (= 1.0.0-1)"), std::string::npos);
+    EXPECT_EQ(contents(dev_deb),
+              "./usr/include/kelvane.h\n./usr/lib/cmake/kelvane/kelvaneConfig.cmake\n"
+              "./usr/lib/cmake/kelvane/kelvaneConfigVersion.cmake\n"
+              "./usr/lib/cmake/kelvane/kelvaneTargets-<build type>.cmake\n"
+              "./usr/lib/cmake/kelvane/kelvaneTargets.cmake\n./usr/lib/libkelvane.so->libkelvane.so.1\n"
+              "./usr/lib/pkgconfig/kelvane.pc\n");
+    EXPECT_NE(field(zset_deb, "Depends").find("libkelvane1 (= 1.0.0-1)"), std::string::npos);
+    EXPECT_EQ(contents(zset_deb), "./usr/bin/zset\n./usr/bin/zset-report\n");
+
+    // Unpacked side by side, the packaged zset finds the packaged library.
+    const std::string root = tmp / "root";
+    ok("for d in " + quoted(tmp.path()) + "/*.deb; do dpkg-deb -x \"$d\" " + quoted(root) + "; done");
+    EXPECT_EQ(loaded_library(root + "/usr/bin/zset"), root + "/usr/bin/../lib/libkelvane.so.1");
+}
+
+}  // namespace
+}  // namespace kelvane_test
