@@ -1,11 +1,9 @@
-// cluster_keys.h -- where kelvane keys live in a cluster: the server key names of a kelvane key
-// (docs/data-layout.md) and kelvane keys that share one slot, picked by asking the cluster itself where their
-// server keys hash.
+// cluster_keys.h -- where kelvane keys live in a cluster: the server key name of a kelvane key
+// (docs/data-layout.md), and kelvane keys grouped by slot, as the cluster itself computes the slots.
 #ifndef KELVANE_TESTS_CLUSTER_KEYS_H
 #define KELVANE_TESTS_CLUSTER_KEYS_H
 
 #include <map>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -17,35 +15,26 @@ namespace kelvane_test {
 // same name with ":v" appended.
 inline std::string main_server_key(const std::string& key) {
     std::string tag = key.empty() ? "%" : "";
-    for (char c : key) {
-        if (c == '%') tag += "%25";
-        else if (c == '{') tag += "%7B";
-        else if (c == '}') tag += "%7D";
-        else tag += c;
-    }
+    for (char c : key) tag += c == '%' ? "%25" : c == '{' ? "%7B" : c == '}' ? "%7D" : std::string(1, c);
     return "kv{" + tag + "}";
 }
 
-// At least count kelvane keys named prefix<n> whose server keys share one slot (stored in *slot). Among 40000
-// names, some slot holds ten or so of them; the cluster answers for all of them in one pipeline.
-inline std::vector<std::string> keys_sharing_a_slot(const RedisCluster& cluster, const std::string& prefix,
-                                                    size_t count, int* slot) {
-    constexpr int kCandidates = 40000;
-    std::vector<std::string> names;
-    for (int n = 0; n < kCandidates; ++n) names.push_back(main_server_key(prefix + std::to_string(n)));
-    const std::vector<int> slots = cluster.key_slots(names);
-    std::map<int, std::vector<std::string>> by_slot;
-    for (int n = 0; n < kCandidates; ++n) by_slot[slots[n]].push_back(prefix + std::to_string(n));
-    const std::vector<std::string>* fullest = &by_slot.begin()->second;
-    *slot = by_slot.begin()->first;
-    for (const auto& [s, keys] : by_slot) {
-        if (keys.size() > fullest->size()) {
-            fullest = &keys;
-            *slot = s;
+// Kelvane keys by the slot of their server keys (CLUSTER KEYSLOT). A prefix followed by every two-byte suffix
+// (zero bytes, braces and '%' among them) reaches every CRC16 value once, so each prefix puts about four keys in
+// every slot.
+inline std::map<int, std::vector<std::string>> keys_by_slot(const RedisCluster& cluster,
+                                                            const std::vector<std::string>& prefixes) {
+    std::vector<std::string> keys, server_keys;
+    for (const auto& prefix : prefixes) {
+        for (int s = 0; s < 65536; ++s) {
+            keys.push_back(prefix + static_cast<char>(s >> 8) + static_cast<char>(s & 255));
+            server_keys.push_back(main_server_key(keys.back()));
         }
     }
-    if (fullest->size() < count) throw std::runtime_error("no slot holds enough candidate keys");
-    return std::vector<std::string>(fullest->begin(), fullest->begin() + static_cast<long>(count));
+    const std::vector<int> slots = cluster.key_slots(server_keys);
+    std::map<int, std::vector<std::string>> by_slot;
+    for (size_t i = 0; i < keys.size(); ++i) by_slot[slots[i]].push_back(keys[i]);
+    return by_slot;
 }
 
 }  // namespace kelvane_test

@@ -1,27 +1,83 @@
-// cluster_workload.cpp -- the workload's rounds, its checks of what it reads, and the final comparison of the
-// store with the record.
+// cluster_workload.cpp -- the cluster tests' kelvane client, the workload's rounds and the comparison of the store
+// with its record.
 #include "cluster_workload.h"
 
-#include <algorithm>
-#include <sstream>
+#include <gtest/gtest.h>
+
+#include <stdexcept>
 
 namespace kelvane_test {
 namespace {
 
-const char* kind_name(CallKind kind) {
-    switch (kind) {
-        case CallKind::kWrite: return "kv_zaddval";
-        case CallKind::kIncrement: return "kv_zincrby";
-        case CallKind::kScore: return "kv_zscore";
-        default: return "kv_zrange";
-    }
+const char* const kCounter = "counter";
+
+std::string member(long long item) { return "m" + std::to_string(item); }
+
+// What a write of item put into key: its score and value.
+std::pair<double, std::optional<std::string>> written(long long item, size_t key) {
+    return {static_cast<double>(item), "value of " + member(item) + " in key " + std::to_string(key)};
 }
 
 }  // namespace
 
+KvClient::KvClient(int32_t connect_timeout_s, int32_t command_timeout_s, int32_t connect_attempts)
+    : bound_s_(connect_attempts * connect_timeout_s + command_timeout_s),
+      mm_(kv_mm_create(nullptr, nullptr, nullptr, 0)),
+      client_(kv_client_create(connect_timeout_s, command_timeout_s, mm_, connect_attempts)) {
+    if (mm_ == nullptr || client_ == nullptr) throw std::runtime_error("cannot create a kelvane client");
+}
+
+KvClient::~KvClient() {
+    kv_client_destroy(client_);
+    EXPECT_EQ(mm_->live_count(mm_), 0u) << "buffers the library handed out and nobody got back";
+    kv_mm_destroy(mm_);
+}
+
+int32_t KvClient::zaddval(const std::string& key, double score, const std::string& member, const std::string& value) {
+    return kv_zaddval(client_, key.data(), key.size(), score, member.data(), member.size(), value.data(),
+                      value.size(), 0);
+}
+
+int32_t KvClient::zincrby(const std::string& key, const std::string& member, double increment) {
+    double ignored = 0;
+    return kv_zincrby(client_, key.data(), key.size(), member.data(), member.size(), increment, &ignored, 0);
+}
+
+KvClient::Scored KvClient::zscore(const std::string& key, const std::string& member) {
+    Scored out;
+    char* value = nullptr;
+    size_t len = 0;
+    out.status = kv_zscore(client_, key.data(), key.size(), member.data(), member.size(), &out.score, &value, &len);
+    if (value != nullptr) out.value = std::string(value, len);
+    mm_->release(value);
+    return out;
+}
+
+KvClient::Members KvClient::zrange_all(const std::string& key) {
+    Members out;
+    void **members = nullptr, **values = nullptr;
+    size_t count = 0, *members_len = nullptr, *values_len = nullptr;
+    double* scores = nullptr;
+    out.status = kv_zrange(client_, key.data(), key.size(), 0, -1, &members, &count, &members_len,
+                           ZSET_WITH_SCORES | ZSET_WITH_VALUES, &scores, &values, &values_len);
+    for (size_t k = 0; k < count && members != nullptr; ++k) {
+        std::optional<std::string> value;
+        if (values != nullptr && values[k] != nullptr) value = std::string(static_cast<char*>(values[k]), values_len[k]);
+        out.items[std::string(static_cast<char*>(members[k]), members_len[k])] = {scores ? scores[k] : 0, value};
+        mm_->release(members[k]);
+        if (values != nullptr) mm_->release(values[k]);
+    }
+    for (void* array : {static_cast<void*>(members), static_cast<void*>(members_len), static_cast<void*>(scores),
+                        static_cast<void*>(values), static_cast<void*>(values_len)}) {
+        mm_->release(array);
+    }
+    return out;
+}
+
 std::string describe(const Call& call) {
-    return std::string(kind_name(call.kind)) + " on key " + std::to_string(call.key) + " (" +
-           Workload::member(call.item) + "): " + status_name(call.status) +
+    static const char* const names[] = {"kv_zaddval", "kv_zincrby", "kv_zscore", "kv_zrange"};
+    return std::string(names[static_cast<int>(call.kind)]) + " on key " + std::to_string(call.key) + " (" +
+           member(call.item) + "): status " + std::to_string(call.status) +
            (call.problem.empty() ? "" : ", " + call.problem);
 }
 
@@ -33,124 +89,87 @@ bool never_ran(int32_t status) {
 bool acknowledged(int32_t status) { return status == KV_SUCCESS || status == KV_ALREADY_EXISTS; }
 
 Workload::Workload(std::vector<std::string> keys, const std::vector<int>& seeds, bool range_reads)
-    : keys_(std::move(keys)), range_reads_(range_reads), client_(std::make_unique<KvClient>(1, 2, 2)),
-      acked_(keys_.size()) {
+    : keys_(std::move(keys)), range_reads_(range_reads), client_(std::make_unique<KvClient>(1, 2, 2)) {
     for (int port : seeds) seed_statuses_.push_back(client_->add_seed(port));
 }
 
-Workload::~Workload() { stop(); }
-
-void Workload::start() { thread_ = std::thread([this] { run(); }); }
+void Workload::wait_rounds(size_t rounds) const {
+    const auto deadline = Clock::now() + std::chrono::seconds(20);
+    while (rounds_ < rounds && Clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
 
 void Workload::stop() {
     stopping_ = true;
     if (thread_.joinable()) thread_.join();
 }
 
-std::string Workload::value(long long item, size_t key) const {
-    return "value of " + member(item) + " in key " + std::to_string(key);
-}
-
-const Call* Workload::write_of(long long item) const {
-    const auto it = write_index_.find(item);
-    return it == write_index_.end() ? nullptr : &calls_[it->second];
-}
-
 void Workload::run() {
-    for (long long item = 0; !stopping_; ++item) {
+    std::vector<std::vector<long long>> acked(keys_.size());  // per key, the acknowledged writes so far
+    for (long long item = 0; !stopping_; ++item, ++rounds_) {
         const size_t key = static_cast<size_t>(item) % keys_.size();
         const std::string& name = keys_[key];
-        Call call{CallKind::kWrite, key, item, -1, Clock::now(), {}, {}};
-        call.status = client_->zaddval(name, static_cast<double>(item), member(item), value(item, key));
-        call.end = Clock::now();
-        if (acknowledged(call.status)) acked_[key].push_back(item);
-        write_index_[item] = calls_.size();
-        calls_.push_back(call);
-
-        double ignored = 0;
-        call = Call{CallKind::kIncrement, key, item, -1, Clock::now(), {}, {}};
-        call.status = client_->zincrby(name, kCounter, 1, &ignored);
-        call.end = Clock::now();
-        calls_.push_back(call);
-
-        if (!acked_[key].empty()) {
-            const long long last = acked_[key].back();
-            call = Call{CallKind::kScore, key, last, -1, Clock::now(), {}, {}};
-            const KvClient::Scored got = client_->zscore(name, member(last));
-            call.status = got.status;
-            call.end = Clock::now();
-            check_read(call, got, key, last);
-            calls_.push_back(call);
+        const auto record = [&](CallKind kind, long long of, const std::function<void(Call&)>& make) {
+            calls_.push_back(Call{kind, key, of, -1, Clock::now(), {}, {}});
+            make(calls_.back());
+            calls_.back().end = Clock::now();
+            return calls_.back().status;
+        };
+        const auto [score, value] = written(item, key);
+        if (acknowledged(record(CallKind::kWrite, item,
+                                [&](Call& c) { c.status = client_->zaddval(name, score, member(item), *value); }))) {
+            acked[key].push_back(item);
+        }
+        record(CallKind::kIncrement, item, [&](Call& c) { c.status = client_->zincrby(name, kCounter, 1); });
+        if (!acked[key].empty()) {
+            const long long last = acked[key].back();
+            record(CallKind::kScore, last, [&](Call& c) {
+                const KvClient::Scored got = client_->zscore(name, member(last));
+                c.status = got.status;
+                if (got.status == KV_SUCCESS && std::make_pair(got.score, got.value) != written(last, key)) {
+                    c.problem = "read score " + std::to_string(got.score) + ", value " + got.value.value_or("(none)");
+                }
+            });
         }
         if (range_reads_ && item % 8 == 7) {
-            call = Call{CallKind::kRange, key, item, -1, Clock::now(), {}, {}};
-            const KvClient::Members got = client_->zrange_all(name);
-            call.status = got.status;
-            call.end = Clock::now();
-            check_range(call, got, key);
-            calls_.push_back(call);
+            record(CallKind::kRange, item, [&](Call& c) {
+                const KvClient::Members got = client_->zrange_all(name);
+                c.status = got.status;
+                for (long long a : acked[key]) {
+                    const auto it = got.items.find(member(a));
+                    if (got.status == KV_SUCCESS && (it == got.items.end() || it->second != written(a, key))) {
+                        c.problem = "lacks or changed the acknowledged " + member(a);
+                    }
+                }
+            });
         }
-        ++rounds_;
         // Leaves the two shared cores to the nodes and to the test's own thread most of the time.
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
 }
 
-void Workload::check_read(Call& call, const KvClient::Scored& got, size_t key, long long item) const {
-    if (got.status != KV_SUCCESS) return;
-    if (got.score != static_cast<double>(item) || got.value != value(item, key)) {
-        call.problem = "kv_zscore of " + member(item) + " in key " + std::to_string(key) + " gave score " +
-                       std::to_string(got.score) + " and value '" + got.value.value_or("(none)") + "'";
+std::vector<std::string> Workload::bad_calls(const std::function<bool(const Call&)>& fine) const {
+    std::vector<std::string> out;
+    for (const auto& c : calls_) {
+        if ((!fine(c) || !c.problem.empty()) && out.size() < 10) out.push_back(describe(c));
     }
+    return out;
 }
 
-void Workload::check_range(Call& call, const KvClient::Members& got, size_t key) const {
-    if (got.status != KV_SUCCESS) return;
-    for (long long item : acked_[key]) {
-        const auto it = got.items.find(member(item));
-        if (it == got.items.end() || it->second.first != static_cast<double>(item) ||
-            it->second.second != value(item, key)) {
-            call.problem = "kv_zrange of key " + std::to_string(key) + " lacks or changed the acknowledged " +
-                           member(item);
-            return;
-        }
-    }
-}
-
-std::string Workload::summary() const {
-    std::map<CallKind, std::map<int32_t, size_t>> counts;
-    for (const auto& c : calls_) ++counts[c.kind][c.status];
-    std::ostringstream out;
-    for (const auto& [kind, statuses] : counts) {
-        out << kind_name(kind) << ":";
-        for (const auto& [status, n] : statuses) out << " " << status_name(status) << " x" << n;
-        out << "\n";
-    }
-    return out.str();
-}
-
-double Workload::longest_call_s() const {
-    double longest = 0;
-    for (const auto& c : calls_) longest = std::max(longest, std::chrono::duration<double>(c.end - c.start).count());
-    return longest;
-}
-
-std::vector<std::string> Workload::verify(KvClient& reader,
-                                          const std::function<bool(const Call&)>& must_survive) const {
+std::vector<std::string> Workload::verify(KvClient& reader, const std::function<bool(const Call&)>& must_survive) const {
     std::vector<std::string> problems;
     for (size_t key = 0; key < keys_.size(); ++key) {
         const std::string where = " in key " + std::to_string(key);
         KvClient::Members stored = reader.zrange_all(keys_[key]);
         if (stored.status != KV_SUCCESS && stored.status != KV_NOTFOUND) {
-            problems.push_back("reading back key " + std::to_string(key) + ": " + status_name(stored.status));
+            problems.push_back("reading back" + where + ": status " + std::to_string(stored.status));
             continue;
         }
         double lower = 0, upper = 0;
         for (const auto& c : calls_) {
             if (c.key != key) continue;
             if (c.kind == CallKind::kIncrement) {
-                if (acknowledged(c.status) && must_survive(c)) ++lower;
-                if (!never_ran(c.status)) ++upper;
+                lower += acknowledged(c.status) && must_survive(c);
+                upper += !never_ran(c.status);
             }
             if (c.kind != CallKind::kWrite) continue;
             const auto it = stored.items.find(member(c.item));
@@ -158,9 +177,9 @@ std::vector<std::string> Workload::verify(KvClient& reader,
             if (acknowledged(c.status) && must_survive(c) && !there) {
                 problems.push_back("acknowledged " + member(c.item) + where + " is missing");
             } else if (never_ran(c.status) && there) {
-                problems.push_back(member(c.item) + where + " is there after " + status_name(c.status));
+                problems.push_back(member(c.item) + where + " is there after status " + std::to_string(c.status));
             }
-            if (there && (it->second.first != static_cast<double>(c.item) || it->second.second != value(c.item, key))) {
+            if (there && it->second != written(c.item, key)) {
                 problems.push_back(member(c.item) + where + " lost its score or value");
             }
             if (there) stored.items.erase(it);
@@ -168,11 +187,11 @@ std::vector<std::string> Workload::verify(KvClient& reader,
         const auto counter = stored.items.find(kCounter);
         const double count = counter == stored.items.end() ? 0 : counter->second.first;
         if (count < lower || count > upper) {
-            problems.push_back("counter" + where + " is " + std::to_string(count) + ", expected between " +
-                               std::to_string(lower) + " and " + std::to_string(upper));
+            problems.push_back("counter" + where + " is " + std::to_string(count) + ", not within " +
+                               std::to_string(lower) + " .. " + std::to_string(upper));
         }
         if (counter != stored.items.end()) stored.items.erase(counter);
-        for (const auto& [name, scored] : stored.items) problems.push_back("nobody wrote " + name + where);
+        for (const auto& item : stored.items) problems.push_back("nobody wrote " + item.first + where);
     }
     return problems;
 }

@@ -1,12 +1,18 @@
-// redis_cluster.cpp -- making the cluster, reading its topology, waiting until it is whole, failing masters over.
-// Slot migration is in redis_cluster_migration.cpp.
+// redis_cluster.cpp -- starting and killing the cluster's nodes, talking to them, waiting until the cluster is
+// whole, failing masters over and moving slots.
 #include "redis_cluster.h"
 
+#include <hiredis/hiredis.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
+#include <memory>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -17,16 +23,28 @@
 namespace kelvane_test {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+NodeReply own(const redisReply* r) {
+    NodeReply out;
+    switch (r->type) {
+        case REDIS_REPLY_STRING: out.kind = NodeReply::kString; break;
+        case REDIS_REPLY_STATUS: out.kind = NodeReply::kStatus; break;
+        case REDIS_REPLY_ERROR: out.kind = NodeReply::kError; break;
+        case REDIS_REPLY_INTEGER: out.kind = NodeReply::kInteger; break;
+        case REDIS_REPLY_NIL: out.kind = NodeReply::kNil; break;
+        default: out.kind = NodeReply::kArray; break;
+    }
+    if (r->str != nullptr) out.str.assign(r->str, r->len);
+    out.integer = r->integer;
+    for (size_t i = 0; i < r->elements; ++i) out.elements.push_back(own(r->element[i]));
+    return out;
+}
 
 // One line of CLUSTER NODES: a node as one node sees it.
 struct NodeLine {
-    std::string id;
+    std::string id, master_id, link;  // master_id "-" for a master
     int port = 0;
     std::set<std::string> flags;
-    std::string master_id;  // "-" for a master
-    std::string link;
-    std::vector<std::string> slots;  // "0-5460", "7", or "[7->-id]" for a slot this node is moving
+    std::vector<std::string> slots;  // "0-5460", "7", or "[7->-id]" for a slot in migration
     bool has(const std::string& flag) const { return flags.count(flag) > 0; }
 };
 
@@ -38,8 +56,7 @@ std::vector<NodeLine> parse_nodes(const std::string& text) {
         NodeLine n;
         std::string addr, flags, ping, pong, epoch;
         if (!(fields >> n.id >> addr >> flags >> n.master_id >> ping >> pong >> epoch >> n.link)) continue;
-        const size_t colon = addr.find(':');
-        n.port = std::atoi(addr.c_str() + (colon == std::string::npos ? 0 : colon + 1));
+        n.port = std::atoi(addr.c_str() + addr.find(':') + 1);
         std::istringstream flag_list(flags);
         for (std::string f; std::getline(flag_list, f, ',');) n.flags.insert(f);
         for (std::string s; fields >> s;) n.slots.push_back(s);
@@ -48,38 +65,35 @@ std::vector<NodeLine> parse_nodes(const std::string& text) {
     return out;
 }
 
-// Polls until done() holds, at most timeout_s; done() may explain in why what it still waits for.
+std::string field_of(const std::string& text, const std::string& field) {
+    const size_t at = text.find("\n" + field + ":");
+    return at == std::string::npos ? "" : text.substr(at + field.size() + 2, text.find('\r', at + 1) - at - field.size() - 2);
+}
+
 template <class Done>
 bool poll_until(double timeout_s, Done done) {
-    const auto deadline = Clock::now() + std::chrono::duration<double>(timeout_s);
-    for (;;) {
-        if (done()) return true;
-        if (Clock::now() > deadline) return false;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout_s);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
+    return true;
 }
 
-// The kernel's range for the local ports of outgoing connections, which a node's bind() can collide with.
-std::pair<int, int> ephemeral_ports() {
-    std::ifstream in("/proc/sys/net/ipv4/ip_local_port_range");
-    int low = 32768, high = 60999;
-    in >> low >> high;
-    return {low, high};
-}
-
-// A block of kNodes ports whose cluster bus ports (+10000) are free too, all outside the ephemeral range: the test
-// and the nodes connect to each other all the time, and a port one of those connections holds could not be bound.
+// A block of ports whose cluster bus ports (+10000) are free too, all below the kernel's range for the local
+// ports of outgoing connections: the test and the nodes connect to each other all the time, and a port one of
+// those connections holds could not be bound.
 int free_block() {
-    const auto [low, high] = ephemeral_ports();
-    const auto clear = [&](int first) {
-        if (first + RedisCluster::kNodes - 1 >= low && first <= high) return false;
+    int low = 32768;
+    std::ifstream("/proc/sys/net/ipv4/ip_local_port_range") >> low;
+    const auto clear = [](int first) {
         for (int i = 0; i < RedisCluster::kNodes; ++i) {
             if (RedisServer::listening(first + i)) return false;
         }
         return true;
     };
-    const int start = 13000 + static_cast<int>(getpid() % 500) * 16;
-    for (int base = start; base + 10000 + RedisCluster::kNodes <= 65535; base += 16) {
+    for (int base = 13000 + static_cast<int>(getpid() % 500) * 16; base + 10000 + RedisCluster::kNodes < low;
+         base += 16) {
         if (clear(base) && clear(base + 10000)) return base;
     }
     throw std::runtime_error("no free block of ports for a cluster");
@@ -87,118 +101,182 @@ int free_block() {
 
 }  // namespace
 
-RedisCluster::RedisCluster(int first_port, int node_timeout_ms) {
-    const int base = first_port != 0 ? first_port : free_block();
-    for (int i = 0; i < kNodes; ++i) {
-        ports_.push_back(base + i);
-        nodes_[base + i] = std::make_unique<ClusterNode>(base + i, node_timeout_ms);
-    }
-    create();
+std::string NodeReply::text() const {
+    if (kind == kInteger) return std::to_string(integer);
+    if (kind != kArray) return str;
+    std::string out;
+    for (size_t i = 0; i < elements.size(); ++i) out += (i ? "," : "") + elements[i].text();
+    return out;
 }
 
-RedisCluster::~RedisCluster() = default;
+std::vector<NodeReply> node_pipeline(int port, const std::vector<Argv>& commands) {
+    NodeReply broken;
+    std::unique_ptr<redisContext, void (*)(redisContext*)> c(
+        redisConnectWithTimeout("127.0.0.1", port, timeval{1, 0}), redisFree);
+    if (!c || c->err) {
+        broken.str = "cannot connect to " + std::to_string(port);
+        return std::vector<NodeReply>(commands.size(), broken);
+    }
+    redisSetTimeout(c.get(), timeval{10, 0});
+    for (const auto& argv : commands) {
+        std::vector<const char*> ptrs;
+        std::vector<size_t> lens;
+        for (const auto& a : argv) {
+            ptrs.push_back(a.data());
+            lens.push_back(a.size());
+        }
+        redisAppendCommandArgv(c.get(), static_cast<int>(ptrs.size()), ptrs.data(), lens.data());
+    }
+    std::vector<NodeReply> replies;
+    for (size_t i = 0; i < commands.size(); ++i) {
+        void* raw = nullptr;
+        if (redisGetReply(c.get(), &raw) != REDIS_OK || raw == nullptr) {
+            broken.str = c->errstr;
+            replies.resize(commands.size(), broken);
+            break;
+        }
+        replies.push_back(own(static_cast<redisReply*>(raw)));
+        freeReplyObject(raw);
+    }
+    return replies;
+}
 
-void RedisCluster::create() {
-    for (int port : ports_) ids_[port] = must(port, {"CLUSTER", "MYID"});
-    // Distinct epochs before the nodes meet spare the cluster its collision resolution.
-    for (int i = 0; i < kNodes; ++i) must(ports_[i], {"CLUSTER", "SET-CONFIG-EPOCH", std::to_string(i + 1)});
-    const char* const ranges[3][2] = {{"0", "5460"}, {"5461", "10922"}, {"10923", "16383"}};
-    for (int i = 0; i < 3; ++i) must(ports_[i], {"CLUSTER", "ADDSLOTSRANGE", ranges[i][0], ranges[i][1]});
-    for (int i = 1; i < kNodes; ++i) must(ports_[0], {"CLUSTER", "MEET", "127.0.0.1", std::to_string(ports_[i])});
-    // A replica can only name a master it knows.
-    const bool met = poll_until(30, [&] {
-        for (int port : ports_) {
-            const auto lines = parse_nodes(must(port, {"CLUSTER", "NODES"}));
-            if (lines.size() != kNodes) return false;
-            for (const auto& n : lines) {
-                if (n.has("handshake") || n.has("noaddr") || !ids_.count(n.port) || ids_.at(n.port) != n.id) {
-                    return false;
+RedisCluster::RedisCluster(int first_port) {
+    const int base = first_port != 0 ? first_port : free_block();
+    try {
+        for (int i = 0; i < kNodes; ++i) {
+            char dir[] = "/tmp/kelvane-cluster-XXXXXX";
+            if (mkdtemp(dir) == nullptr) throw std::runtime_error("mkdtemp failed");
+            nodes_.push_back(Node{base + i, dir, "", -1});
+            start(nodes_.back());
+            nodes_.back().id = must(base + i, {"CLUSTER", "MYID"});
+        }
+        // Distinct epochs before the nodes meet spare the cluster its collision resolution.
+        for (int i = 0; i < kNodes; ++i) must(base + i, {"CLUSTER", "SET-CONFIG-EPOCH", std::to_string(i + 1)});
+        const char* const ranges[3][2] = {{"0", "5460"}, {"5461", "10922"}, {"10923", "16383"}};
+        for (int i = 0; i < 3; ++i) must(base + i, {"CLUSTER", "ADDSLOTSRANGE", ranges[i][0], ranges[i][1]});
+        for (int i = 1; i < kNodes; ++i) must(base, {"CLUSTER", "MEET", "127.0.0.1", std::to_string(base + i)});
+        // A replica can only name a master it knows.
+        const bool met = poll_until(30, [&] {
+            for (const Node& node : nodes_) {
+                const auto lines = parse_nodes(must(node.port, {"CLUSTER", "NODES"}));
+                if (lines.size() != kNodes) return false;
+                for (const auto& n : lines) {
+                    if (n.has("handshake") || n.has("noaddr")) return false;
                 }
             }
-        }
-        return true;
-    });
-    if (!met) throw std::runtime_error("the nodes did not meet:\n" + describe());
-    for (int i = 0; i < 3; ++i) must(ports_[3 + i], {"CLUSTER", "REPLICATE", ids_.at(ports_[i])});
-    wait_healthy();
+            return true;
+        });
+        if (!met) throw std::runtime_error("the nodes did not meet:\n" + describe());
+        for (int i = 0; i < 3; ++i) must(base + 3 + i, {"CLUSTER", "REPLICATE", nodes_[i].id});
+        wait_healthy();
+    } catch (...) {
+        stop_all();  // no destructor runs for a half-made object
+        throw;
+    }
 }
 
-bool RedisCluster::running(int port) const { return nodes_.at(port)->running(); }
+RedisCluster::~RedisCluster() { stop_all(); }
+
+void RedisCluster::stop_all() {
+    for (Node& node : nodes_) {
+        kill(node.port);
+        std::error_code ignored;
+        std::filesystem::remove_all(node.dir, ignored);
+    }
+    nodes_.clear();
+}
+
+void RedisCluster::start(Node& node) {
+    // Data in memory only. Diskless replication without delay lets a replica sync at once; replica migration off
+    // and validity factor 0 keep the topology where the tests put it and let any replica take over its master. A
+    // node silent for 2 s is taken for failing: shorter would be quicker, but a loaded two-core machine can delay
+    // a node's pings by a good part of a second.
+    std::vector<std::string> args = {
+        "redis-server", "--port", std::to_string(node.port), "--bind", "127.0.0.1", "--save", "",
+        "--appendonly", "no", "--dir", node.dir, "--logfile", "redis.log", "--cluster-enabled", "yes",
+        "--cluster-config-file", "nodes.conf", "--cluster-node-timeout", "2000",
+        "--cluster-replica-validity-factor", "0", "--cluster-allow-replica-migration", "no",
+        "--repl-diskless-sync", "yes", "--repl-diskless-sync-delay", "0"};
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    const pid_t parent = getpid();
+    node.pid = fork();
+    if (node.pid < 0) throw std::runtime_error("fork failed");
+    if (node.pid == 0) {
+        // A test process that dies without its destructors (a crash, a ctest timeout) takes its nodes along.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) _exit(127);
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    const bool up = poll_until(10, [&] {
+        if (waitpid(node.pid, nullptr, WNOHANG) != 0) node.pid = -1;
+        return node.pid < 0 || RedisServer::listening(node.port);
+    });
+    if (!up || node.pid < 0) {
+        throw std::runtime_error("redis-server did not start on " + std::to_string(node.port));
+    }
+}
+
+void RedisCluster::kill(int port) {
+    for (Node& node : nodes_) {
+        if (node.port != port || node.pid <= 0) continue;
+        ::kill(node.pid, SIGKILL);
+        waitpid(node.pid, nullptr, 0);
+        node.pid = -1;
+    }
+}
+
+bool RedisCluster::running(int port) const {
+    for (const Node& node : nodes_) {
+        if (node.port == port) return node.pid > 0;
+    }
+    return false;
+}
 
 int RedisCluster::any_running() const {
-    for (int port : ports_) {
-        if (running(port)) return port;
+    for (const Node& node : nodes_) {
+        if (node.pid > 0) return node.port;
     }
     throw std::runtime_error("no node of the cluster runs");
 }
 
 std::string RedisCluster::must(int port, const Argv& argv) const {
-    const NodeReply r = node_command(port, argv);
-    if (r.failed()) {
-        std::string cmd;
-        for (const auto& a : argv) cmd += (cmd.empty() ? "" : " ") + a;
-        throw std::runtime_error("node " + std::to_string(port) + ": " + cmd + ": " + r.text());
-    }
+    const NodeReply r = node_pipeline(port, {argv}).front();
+    if (r.failed()) throw std::runtime_error("node " + std::to_string(port) + ": " + argv[0] + " " + r.str);
     return r.text();
 }
 
-std::string RedisCluster::info_field(int port, const std::string& section, const std::string& field) const {
-    const NodeReply r = section == "cluster" ? node_command(port, {"CLUSTER", "INFO"})
-                                             : node_command(port, {"INFO", section});
-    std::istringstream lines(r.str);
-    for (std::string line; std::getline(lines, line);) {
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (line.rfind(field + ":", 0) == 0) return line.substr(field.size() + 1);
-    }
-    return "";
-}
+std::string RedisCluster::role(int port) const { return field_of(must(port, {"INFO", "replication"}), "role"); }
 
 std::vector<int> RedisCluster::masters() const {
     std::vector<int> out;
     for (const auto& n : parse_nodes(must(any_running(), {"CLUSTER", "NODES"}))) {
-        if (n.has("master") && !n.slots.empty() && ids_.count(n.port) && running(n.port)) out.push_back(n.port);
-    }
-    std::sort(out.begin(), out.end());
-    return out;
-}
-
-std::vector<int> RedisCluster::replicas() const {
-    std::vector<int> out;
-    for (const auto& n : parse_nodes(must(any_running(), {"CLUSTER", "NODES"}))) {
-        if (n.has("slave") && ids_.count(n.port) && running(n.port)) out.push_back(n.port);
+        if (n.has("master") && !n.slots.empty() && running(n.port)) out.push_back(n.port);
     }
     std::sort(out.begin(), out.end());
     return out;
 }
 
 int RedisCluster::replica_of(int master) const {
+    std::string id;
+    for (const Node& node : nodes_) id = node.port == master ? node.id : id;
     for (const auto& n : parse_nodes(must(any_running(), {"CLUSTER", "NODES"}))) {
-        if (n.has("slave") && n.master_id == ids_.at(master) && running(n.port)) return n.port;
+        if (n.has("slave") && n.master_id == id && running(n.port)) return n.port;
     }
     throw std::runtime_error("no running replica of " + std::to_string(master) + "\n" + describe());
 }
 
-int RedisCluster::master_of(int replica) const {
-    for (const auto& n : parse_nodes(must(any_running(), {"CLUSTER", "NODES"}))) {
-        if (n.port != replica) continue;
-        for (const auto& [port, id] : ids_) {
-            if (id == n.master_id) return port;
-        }
-    }
-    throw std::runtime_error(std::to_string(replica) + " replicates no known master\n" + describe());
-}
-
 int RedisCluster::owner_of_slot(int slot) const {
-    const NodeReply r = node_command(any_running(), {"CLUSTER", "SLOTS"});
-    for (const auto& range : r.elements) {
+    for (const auto& range : node_pipeline(any_running(), {{"CLUSTER", "SLOTS"}}).front().elements) {
         if (range.elements.size() >= 3 && range.elements[0].integer <= slot && slot <= range.elements[1].integer) {
             return static_cast<int>(range.elements[2].elements.at(1).integer);
         }
     }
     throw std::runtime_error("no node serves slot " + std::to_string(slot) + "\n" + describe());
 }
-
-int RedisCluster::key_slot(const std::string& server_key) const { return key_slots({server_key}).front(); }
 
 std::vector<int> RedisCluster::key_slots(const std::vector<std::string>& server_keys) const {
     std::vector<Argv> commands;
@@ -211,80 +289,46 @@ std::vector<int> RedisCluster::key_slots(const std::vector<std::string>& server_
     return slots;
 }
 
-std::vector<std::string> RedisCluster::keys_on(int port) const {
-    std::vector<std::string> keys;
-    std::string cursor = "0";
-    do {
-        const NodeReply r = node_command(port, {"SCAN", cursor, "COUNT", "1000"});
-        if (r.kind != NodeReply::kArray || r.elements.size() != 2) throw std::runtime_error("SCAN: " + r.text());
-        cursor = r.elements[0].str;
-        for (const auto& k : r.elements[1].elements) keys.push_back(k.str);
-    } while (cursor != "0");
-    return keys;
-}
-
-long long RedisCluster::error_count(int port, const std::string& prefix) const {
-    const std::string field = info_field(port, "errorstats", "errorstat_" + prefix);
-    return field.empty() ? 0 : std::atoll(field.c_str() + field.find('=') + 1);
-}
-
-long long RedisCluster::error_count(const std::string& prefix) const {
+long long RedisCluster::error_count(const std::string& prefix, int port) const {
     long long n = 0;
-    for (int port : ports_) n += running(port) ? error_count(port, prefix) : 0;
+    for (const Node& node : nodes_) {
+        if (node.pid <= 0 || (port != 0 && node.port != port)) continue;
+        const std::string field = field_of(must(node.port, {"INFO", "errorstats"}), "errorstat_" + prefix);
+        n += field.empty() ? 0 : std::atoll(field.c_str() + field.find('=') + 1);
+    }
     return n;
 }
 
 void RedisCluster::reset_error_stats() const {
-    for (int port : ports_) {
-        if (running(port)) must(port, {"CONFIG", "RESETSTAT"});
+    for (const Node& node : nodes_) {
+        if (node.pid > 0) must(node.port, {"CONFIG", "RESETSTAT"});
     }
 }
 
 void RedisCluster::manual_failover(int replica) {
-    const int old_master = master_of(replica);
     must(replica, {"CLUSTER", "FAILOVER"});
-    const bool switched = poll_until(30, [&] {
-        return info_field(replica, "replication", "role") == "master" &&
-               info_field(old_master, "replication", "role") == "slave";
-    });
-    if (!switched) throw std::runtime_error("manual failover to " + std::to_string(replica) + " did not happen\n" +
-                                            describe());
+    if (!poll_until(30, [&] { return role(replica) == "master"; })) {
+        throw std::runtime_error("manual failover to " + std::to_string(replica) + " did not happen\n" + describe());
+    }
     wait_healthy();
 }
 
-int RedisCluster::kill_master(int master, const std::function<void()>& killed) {
-    const int replica = replica_of(master);
-    kill(master);
-    if (killed) killed();
-    if (!poll_until(60, [&] { return info_field(replica, "replication", "role") == "master"; })) {
-        throw std::runtime_error(std::to_string(replica) + " was not promoted\n" + describe());
-    }
-    wait_healthy(60);
-    return replica;
-}
-
-void RedisCluster::kill(int port) { nodes_.at(port)->kill(); }
-
-void RedisCluster::restart(int port) { nodes_.at(port)->start(); }
-
 bool RedisCluster::healthy(std::string& why) const {
     std::string agreed_view;
-    for (int port : ports_) {
-        if (!running(port)) continue;
-        const std::string name = "node " + std::to_string(port);
-        if (info_field(port, "cluster", "cluster_state") != "ok") return why = name + " is not ok", false;
+    for (const Node& node : nodes_) {
+        if (node.pid <= 0) continue;
+        const std::string name = "node " + std::to_string(node.port);
+        if (field_of("\n" + must(node.port, {"CLUSTER", "INFO"}), "cluster_state") != "ok") {
+            return why = name + " is not ok", false;
+        }
         // Every node's picture of roles, slots and failed nodes, leaving out what only that node knows.
         std::vector<std::string> view;
-        const auto lines = parse_nodes(node_command(port, {"CLUSTER", "NODES"}).str);
-        if (lines.size() != kNodes) return why = name + " does not know every node", false;
-        for (const auto& n : lines) {
-            const bool up = ids_.count(n.port) && running(n.port);
-            if (up && (n.has("fail") || n.has("fail?") || n.link != "connected")) {
-                return why = name + " does not see " + std::to_string(n.port) + " up", false;
+        for (const auto& n : parse_nodes(must(node.port, {"CLUSTER", "NODES"}))) {
+            const bool up = running(n.port), seen_up = !n.has("fail") && !n.has("fail?") && n.link == "connected";
+            if (up ? !seen_up : !n.has("fail")) {
+                return why = name + " is wrong about " + std::to_string(n.port) + " being up", false;
             }
-            if (!up && !n.has("fail")) return why = name + " has not marked " + std::to_string(n.port) + " failed", false;
-            std::string entry = std::to_string(n.port) + (n.has("master") ? " master" : " replica of ") +
-                                (n.has("master") ? "" : n.master_id) + (up ? "" : " failed");
+            std::string entry = std::to_string(n.port) + " " + n.master_id + (up ? "" : " failed");
             for (const auto& s : n.slots) {
                 if (s.front() == '[') return why = name + " has a slot in migration", false;
                 entry += " " + s;
@@ -295,9 +339,9 @@ bool RedisCluster::healthy(std::string& why) const {
         std::string joined;
         for (const auto& v : view) joined += v + "\n";
         if (agreed_view.empty()) agreed_view = joined;
-        if (joined != agreed_view) return why = name + " sees another cluster", false;
-        if (info_field(port, "replication", "role") == "slave" &&
-            info_field(port, "replication", "master_link_status") != "up") {
+        if (view.size() != kNodes || joined != agreed_view) return why = name + " sees another cluster", false;
+        const std::string replication = must(node.port, {"INFO", "replication"});
+        if (field_of(replication, "role") == "slave" && field_of(replication, "master_link_status") != "up") {
             return why = name + " is not in sync with its master", false;
         }
     }
@@ -311,24 +355,59 @@ void RedisCluster::wait_healthy(double timeout_s) const {
     }
 }
 
-void RedisCluster::wait_state(const std::string& state, double timeout_s) const {
-    const bool reached = poll_until(timeout_s, [&] {
-        for (int port : ports_) {
-            if (running(port) && info_field(port, "cluster", "cluster_state") != state) return false;
-        }
-        return true;
-    });
-    if (!reached) throw std::runtime_error("not every node says cluster_state:" + state + "\n" + describe());
-}
-
 std::string RedisCluster::describe() const {
     std::string out;
-    for (int port : ports_) {
-        out += "--- node " + std::to_string(port) + (running(port) ? "" : " (not running)") + "\n";
-        if (running(port)) out += node_command(port, {"CLUSTER", "NODES"}).text();
-        out += nodes_.at(port)->log_tail(8);
+    for (const Node& node : nodes_) {
+        out += "--- node " + std::to_string(node.port) + (node.pid > 0 ? "\n" : " (not running)\n");
+        if (node.pid > 0) out += node_pipeline(node.port, {{"CLUSTER", "NODES"}}).front().text();
     }
     return out;
+}
+
+Migration RedisCluster::open_migration(int slot, int target) const {
+    const Migration m{slot, owner_of_slot(slot), target};
+    std::string source_id, target_id;
+    for (const Node& node : nodes_) {
+        source_id = node.port == m.source ? node.id : source_id;
+        target_id = node.port == target ? node.id : target_id;
+    }
+    // The target first: once the source starts answering ASK, the target must already accept ASKING.
+    must(target, {"CLUSTER", "SETSLOT", std::to_string(slot), "IMPORTING", source_id});
+    must(m.source, {"CLUSTER", "SETSLOT", std::to_string(slot), "MIGRATING", target_id});
+    return m;
+}
+
+void RedisCluster::move_keys(const Migration& m, const std::vector<std::string>& server_keys) const {
+    if (server_keys.empty()) return;
+    Argv migrate = {"MIGRATE", "127.0.0.1", std::to_string(m.target), "", "0", "5000", "KEYS"};
+    migrate.insert(migrate.end(), server_keys.begin(), server_keys.end());
+    // NOKEY: none of them was there (anymore); anything else but OK (BUSYKEY, IOERR) is a broken migration.
+    const std::string reply = must(m.source, migrate);
+    if (reply != "OK" && reply != "NOKEY") throw std::runtime_error("MIGRATE: " + reply);
+}
+
+size_t RedisCluster::move_batch(const Migration& m, size_t batch) const {
+    const NodeReply keys =
+        node_pipeline(m.source, {{"CLUSTER", "GETKEYSINSLOT", std::to_string(m.slot), std::to_string(batch)}}).front();
+    if (keys.kind != NodeReply::kArray) throw std::runtime_error("CLUSTER GETKEYSINSLOT: " + keys.text());
+    std::vector<std::string> names;
+    for (const auto& k : keys.elements) names.push_back(k.str);
+    move_keys(m, names);
+    return names.size();
+}
+
+void RedisCluster::close_migration(const Migration& m) const {
+    std::string target_id;
+    for (const Node& node : nodes_) target_id = node.port == m.target ? node.id : target_id;
+    const Argv assign = {"CLUSTER", "SETSLOT", std::to_string(m.slot), "NODE", target_id};
+    // The target first, so that it owns the slot (with a new epoch the others will take) before the source stops
+    // answering ASK and starts answering MOVED; the source refuses while it still holds keys of the slot.
+    must(m.target, assign);
+    must(m.source, assign);
+    for (int port : masters()) {
+        if (port != m.target && port != m.source) must(port, assign);
+    }
+    wait_healthy();
 }
 
 }  // namespace kelvane_test
