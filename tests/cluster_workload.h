@@ -40,7 +40,6 @@ public:
         int32_t status = -1;
         double score = 0;
         std::optional<std::string> value;
-        bool operator==(const Scored& o) const { return status == o.status && score == o.score && value == o.value; }
     };
     Scored zscore(const std::string& key, const std::string& member);
     // A whole sorted set: member -> (score, value).

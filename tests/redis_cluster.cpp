@@ -13,7 +13,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -25,27 +24,19 @@ namespace {
 
 NodeReply own(const redisReply* r) {
     NodeReply out;
-    switch (r->type) {
-        case REDIS_REPLY_STRING: out.kind = NodeReply::kString; break;
-        case REDIS_REPLY_STATUS: out.kind = NodeReply::kStatus; break;
-        case REDIS_REPLY_ERROR: out.kind = NodeReply::kError; break;
-        case REDIS_REPLY_INTEGER: out.kind = NodeReply::kInteger; break;
-        case REDIS_REPLY_NIL: out.kind = NodeReply::kNil; break;
-        default: out.kind = NodeReply::kArray; break;
-    }
-    if (r->str != nullptr) out.str.assign(r->str, r->len);
+    out.failed = r->type == REDIS_REPLY_ERROR;
     out.integer = r->integer;
+    out.str = r->type == REDIS_REPLY_INTEGER ? std::to_string(r->integer) : std::string(r->str ? r->str : "", r->len);
     for (size_t i = 0; i < r->elements; ++i) out.elements.push_back(own(r->element[i]));
     return out;
 }
 
 // One line of CLUSTER NODES: a node as one node sees it.
 struct NodeLine {
-    std::string id, master_id, link;  // master_id "-" for a master
+    std::string flags, master_id, link;  // master_id "-" for a master
     int port = 0;
-    std::set<std::string> flags;
     std::vector<std::string> slots;  // "0-5460", "7", or "[7->-id]" for a slot in migration
-    bool has(const std::string& flag) const { return flags.count(flag) > 0; }
+    bool has(const std::string& flag) const { return ("," + flags + ",").find("," + flag + ",") != std::string::npos; }
 };
 
 std::vector<NodeLine> parse_nodes(const std::string& text) {
@@ -54,11 +45,9 @@ std::vector<NodeLine> parse_nodes(const std::string& text) {
     for (std::string line; std::getline(lines, line);) {
         std::istringstream fields(line);
         NodeLine n;
-        std::string addr, flags, ping, pong, epoch;
-        if (!(fields >> n.id >> addr >> flags >> n.master_id >> ping >> pong >> epoch >> n.link)) continue;
+        std::string id, addr, ping, pong, epoch;
+        if (!(fields >> id >> addr >> n.flags >> n.master_id >> ping >> pong >> epoch >> n.link)) continue;
         n.port = std::atoi(addr.c_str() + addr.find(':') + 1);
-        std::istringstream flag_list(flags);
-        for (std::string f; std::getline(flag_list, f, ',');) n.flags.insert(f);
         for (std::string s; fields >> s;) n.slots.push_back(s);
         out.push_back(n);
     }
@@ -67,7 +56,9 @@ std::vector<NodeLine> parse_nodes(const std::string& text) {
 
 std::string field_of(const std::string& text, const std::string& field) {
     const size_t at = text.find("\n" + field + ":");
-    return at == std::string::npos ? "" : text.substr(at + field.size() + 2, text.find('\r', at + 1) - at - field.size() - 2);
+    if (at == std::string::npos) return "";
+    const size_t from = at + field.size() + 2;
+    return text.substr(from, text.find('\r', from) - from);
 }
 
 template <class Done>
@@ -100,14 +91,6 @@ int free_block() {
 }
 
 }  // namespace
-
-std::string NodeReply::text() const {
-    if (kind == kInteger) return std::to_string(integer);
-    if (kind != kArray) return str;
-    std::string out;
-    for (size_t i = 0; i < elements.size(); ++i) out += (i ? "," : "") + elements[i].text();
-    return out;
-}
 
 std::vector<NodeReply> node_pipeline(int port, const std::vector<Argv>& commands) {
     NodeReply broken;
@@ -205,7 +188,8 @@ void RedisCluster::start(Node& node) {
     node.pid = fork();
     if (node.pid < 0) throw std::runtime_error("fork failed");
     if (node.pid == 0) {
-        // A test process that dies without its destructors (a crash, a ctest timeout) takes its nodes along.
+        // A test process that dies without its destructors (a crash, a ctest timeout) takes its nodes along. The
+        // signal follows the thread that forked: nodes start in the constructor, on the test's own thread.
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (getppid() != parent) _exit(127);
         execvp(argv[0], argv.data());
@@ -245,11 +229,17 @@ int RedisCluster::any_running() const {
 
 std::string RedisCluster::must(int port, const Argv& argv) const {
     const NodeReply r = node_pipeline(port, {argv}).front();
-    if (r.failed()) throw std::runtime_error("node " + std::to_string(port) + ": " + argv[0] + " " + r.str);
-    return r.text();
+    if (r.failed) throw std::runtime_error("node " + std::to_string(port) + ": " + argv[0] + " " + r.str);
+    return r.str;
 }
 
 std::string RedisCluster::role(int port) const { return field_of(must(port, {"INFO", "replication"}), "role"); }
+
+std::vector<int> RedisCluster::ports() const {
+    std::vector<int> out;
+    for (const Node& node : nodes_) out.push_back(node.port);
+    return out;
+}
 
 std::vector<int> RedisCluster::masters() const {
     std::vector<int> out;
@@ -283,7 +273,7 @@ std::vector<int> RedisCluster::key_slots(const std::vector<std::string>& server_
     for (const auto& k : server_keys) commands.push_back({"CLUSTER", "KEYSLOT", k});
     std::vector<int> slots;
     for (const auto& r : node_pipeline(any_running(), commands)) {
-        if (r.kind != NodeReply::kInteger) throw std::runtime_error("CLUSTER KEYSLOT: " + r.text());
+        if (r.failed) throw std::runtime_error("CLUSTER KEYSLOT: " + r.str);
         slots.push_back(static_cast<int>(r.integer));
     }
     return slots;
@@ -359,7 +349,7 @@ std::string RedisCluster::describe() const {
     std::string out;
     for (const Node& node : nodes_) {
         out += "--- node " + std::to_string(node.port) + (node.pid > 0 ? "\n" : " (not running)\n");
-        if (node.pid > 0) out += node_pipeline(node.port, {{"CLUSTER", "NODES"}}).front().text();
+        if (node.pid > 0) out += node_pipeline(node.port, {{"CLUSTER", "NODES"}}).front().str;
     }
     return out;
 }
@@ -389,7 +379,7 @@ void RedisCluster::move_keys(const Migration& m, const std::vector<std::string>&
 size_t RedisCluster::move_batch(const Migration& m, size_t batch) const {
     const NodeReply keys =
         node_pipeline(m.source, {{"CLUSTER", "GETKEYSINSLOT", std::to_string(m.slot), std::to_string(batch)}}).front();
-    if (keys.kind != NodeReply::kArray) throw std::runtime_error("CLUSTER GETKEYSINSLOT: " + keys.text());
+    if (keys.failed) throw std::runtime_error("CLUSTER GETKEYSINSLOT: " + keys.str);
     std::vector<std::string> names;
     for (const auto& k : keys.elements) names.push_back(k.str);
     move_keys(m, names);

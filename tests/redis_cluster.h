@@ -1,13 +1,14 @@
 // redis_cluster.h -- a private Redis Cluster for one test: six cluster-enabled redis-server processes on loopback
-// (each in its own temporary directory, no persistence), three masters with one replica each, formed and waited
-// for until every node is ok and all agree on who serves which slots. Tests fail masters over, kill nodes and
-// move slots while the library works against it; the commands the fixture sends have bounded waits, so a helper
-// never hangs on a dead or busy node. Everything stops when the object goes, also when a test fails half way.
+// (own temporary directories, no persistence), three masters with one replica each, formed and waited for until
+// every node is ok and all agree on the slots. Tests fail masters over, kill nodes and move slots under the
+// library; the fixture's own commands have bounded waits, and everything stops when the object goes. Also where
+// kelvane keys live in a cluster: their server key names (docs/data-layout.md) and their slots.
 #ifndef KELVANE_TESTS_REDIS_CLUSTER_H
 #define KELVANE_TESTS_REDIS_CLUSTER_H
 
 #include <sys/types.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -15,17 +16,12 @@ namespace kelvane_test {
 
 using Argv = std::vector<std::string>;
 
-// A reply taken out of hiredis. kTransport: no reply at all (refused, timed out, broken).
+// A reply taken out of hiredis: an integer also as decimal text, failed for an error reply or none at all.
 struct NodeReply {
-    enum Kind { kTransport, kString, kStatus, kError, kInteger, kNil, kArray };
-    Kind kind = kTransport;
-    std::string str;  // string, status and error text; the reason for kTransport
+    bool failed = true;
+    std::string str;  // the text, the error, or why there was no reply
     long long integer = 0;
     std::vector<NodeReply> elements;
-
-    bool failed() const { return kind == kTransport || kind == kError; }
-    // Integers in decimal, arrays joined by ",", everything else its text.
-    std::string text() const;
 };
 
 // Sends every command on one fresh connection to 127.0.0.1:port before reading any reply.
@@ -47,7 +43,8 @@ public:
     RedisCluster(const RedisCluster&) = delete;
     RedisCluster& operator=(const RedisCluster&) = delete;
 
-    // Running masters that serve slots, in port order, as the cluster sees them now.
+    std::vector<int> ports() const;
+    // Running masters that serve slots, in port order.
     std::vector<int> masters() const;
     int replica_of(int master) const;
     int owner_of_slot(int slot) const;
@@ -62,10 +59,9 @@ public:
     long long error_count(const std::string& prefix, int port = 0) const;
     void reset_error_stats() const;
 
-    // CLUSTER FAILOVER on the replica; returns once it is master, its old master replicates from it and every
-    // node agrees.
+    // CLUSTER FAILOVER on the replica, then waits until it is master and the cluster healthy.
     void manual_failover(int replica);
-    // SIGKILL, without waiting for the cluster to react; only ever from the test's main thread.
+    // SIGKILL, without waiting for the cluster to react.
     void kill(int port);
     // Until every running node reports cluster_state:ok, agrees with the others on roles, slots and failed nodes,
     // and every running replica is in sync. Throws with every node's view after timeout_s.
@@ -95,6 +91,32 @@ private:
 
     std::vector<Node> nodes_;
 };
+
+// kv{E}: E is the key with '%', '{' and '}' percent-encoded, the empty key a lone '%'. The values hash is the
+// same name with ":v" appended.
+inline std::string main_server_key(const std::string& key) {
+    std::string tag = key.empty() ? "%" : "";
+    for (char c : key) tag += c == '%' ? "%25" : c == '{' ? "%7B" : c == '}' ? "%7D" : std::string(1, c);
+    return "kv{" + tag + "}";
+}
+
+// Kelvane keys by the slot of their server keys (CLUSTER KEYSLOT). A prefix followed by every two-byte suffix
+// (zero bytes, braces and '%' among them) reaches every CRC16 value once, so each prefix puts about four keys in
+// every slot.
+inline std::map<int, std::vector<std::string>> keys_by_slot(const RedisCluster& cluster,
+                                                            const std::vector<std::string>& prefixes) {
+    std::vector<std::string> keys, server_keys;
+    for (const auto& prefix : prefixes) {
+        for (int s = 0; s < 65536; ++s) {
+            keys.push_back(prefix + static_cast<char>(s >> 8) + static_cast<char>(s & 255));
+            server_keys.push_back(main_server_key(keys.back()));
+        }
+    }
+    const std::vector<int> slots = cluster.key_slots(server_keys);
+    std::map<int, std::vector<std::string>> by_slot;
+    for (size_t i = 0; i < keys.size(); ++i) by_slot[slots[i]].push_back(keys[i]);
+    return by_slot;
+}
 
 }  // namespace kelvane_test
 

@@ -10,7 +10,6 @@
 #include <set>
 #include <thread>
 
-#include "cluster_keys.h"
 #include "cluster_workload.h"
 #include "redis_cluster.h"
 
