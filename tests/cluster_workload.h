@@ -2,8 +2,8 @@
 // results taken apart into owned data (every buffer released at once), and every buffer back when it goes.
 // Workload: a thread with a client of its own that keeps writing and reading a set of keys while a test changes
 // the cluster under it, and records every call. Every write adds a member of its own ("m<n>" with score n and a
-// value naming n and the key), every round adds 1 to the member "counter", so that afterwards the record says
-// which data must be in the store, which must not, and how many increments may have landed.
+// value naming n and the key), so that afterwards the record says which data must be in the store and which must
+// not; every read asks for the last write acknowledged on its key.
 #ifndef KELVANE_TESTS_CLUSTER_WORKLOAD_H
 #define KELVANE_TESTS_CLUSTER_WORKLOAD_H
 
@@ -35,7 +35,6 @@ public:
     double call_bound_s() const { return bound_s_; }
 
     int32_t zaddval(const std::string& key, double score, const std::string& member, const std::string& value);
-    int32_t zincrby(const std::string& key, const std::string& member, double increment);
     struct Scored {
         int32_t status = -1;
         double score = 0;
@@ -55,12 +54,12 @@ private:
     kv_client* client_;
 };
 
-enum class CallKind { kWrite, kIncrement, kScore, kRange };
+enum class CallKind { kWrite, kScore };
 
 struct Call {
     CallKind kind;
     size_t key;      // index into the workload's keys
-    long long item;  // the round's number; for kScore the number of the write it reads back
+    long long item;  // the write's number; for kScore that of the write it reads back
     int32_t status;
     Clock::time_point start, end;
     std::string problem;  // a successful read that did not give what had been acknowledged
@@ -68,15 +67,12 @@ struct Call {
 
 // "kv_zscore on key 3 (m179): status 0, <problem>", for failure messages.
 std::string describe(const Call& call);
-// The call certainly did not run: it never reached a node, or the cluster refused it before running it.
-bool never_ran(int32_t status);
-bool acknowledged(int32_t status);
 
 class Workload {
 public:
-    // The client waits as zset's does: 1 s to connect, 2 s for a reply, 2 connection attempts. range_reads adds,
-    // every few rounds, a read of a whole set that must hold every write acknowledged for that key so far.
-    Workload(std::vector<std::string> keys, const std::vector<int>& seeds, bool range_reads);
+    // The client waits as zset's does: 1 s to connect, 2 s for a reply, 2 connection attempts; every seed must be
+    // taken.
+    Workload(std::vector<std::string> keys, const std::vector<int>& seeds);
     ~Workload() { stop(); }
 
     void start() { thread_ = std::thread([this] { run(); }); }
@@ -86,21 +82,18 @@ public:
 
     // Valid after stop().
     const std::vector<Call>& calls() const { return calls_; }
-    const std::vector<int32_t>& seed_statuses() const { return seed_statuses_; }
     // The calls for which fine() does not hold or that read wrong data, at most ten of them described.
     std::vector<std::string> bad_calls(const std::function<bool(const Call&)>& fine) const;
     // Reads every key back and lists what disagrees with the record: an acknowledged write for which
     // must_survive(write) holds that is missing, a write that never ran but is there, a score or value changed, a
-    // member nobody wrote, a counter outside what the acknowledged and uncertain increments allow.
+    // member nobody wrote.
     std::vector<std::string> verify(KvClient& reader, const std::function<bool(const Call&)>& must_survive) const;
 
 private:
     void run();
 
     std::vector<std::string> keys_;
-    bool range_reads_;
     std::unique_ptr<KvClient> client_;
-    std::vector<int32_t> seed_statuses_;
     std::vector<Call> calls_;
     std::atomic<bool> stopping_{false};
     std::atomic<size_t> rounds_{0};

@@ -22,6 +22,14 @@
 namespace kelvane_test {
 namespace {
 
+// A reply taken out of hiredis: an integer also as decimal text, failed for an error reply or none at all.
+struct NodeReply {
+    bool failed = true;
+    std::string str;  // the text, the error, or why there was no reply
+    long long integer = 0;
+    std::vector<NodeReply> elements;
+};
+
 NodeReply own(const redisReply* r) {
     NodeReply out;
     out.failed = r->type == REDIS_REPLY_ERROR;
@@ -90,8 +98,7 @@ int free_block() {
     throw std::runtime_error("no free block of ports for a cluster");
 }
 
-}  // namespace
-
+// Sends every command on one fresh connection before reading any reply.
 std::vector<NodeReply> node_pipeline(int port, const std::vector<Argv>& commands) {
     NodeReply broken;
     std::unique_ptr<redisContext, void (*)(redisContext*)> c(
@@ -124,34 +131,28 @@ std::vector<NodeReply> node_pipeline(int port, const std::vector<Argv>& commands
     return replies;
 }
 
+}  // namespace
+
 RedisCluster::RedisCluster(int first_port) {
     const int base = first_port != 0 ? first_port : free_block();
     try {
-        for (int i = 0; i < kNodes; ++i) {
+        for (int port = base; port < base + kNodes; ++port) {
             char dir[] = "/tmp/kelvane-cluster-XXXXXX";
             if (mkdtemp(dir) == nullptr) throw std::runtime_error("mkdtemp failed");
-            nodes_.push_back(Node{base + i, dir, "", -1});
-            start(nodes_.back());
-            nodes_.back().id = must(base + i, {"CLUSTER", "MYID"});
+            nodes_[port].dir = dir;
+            start(port);
+            nodes_[port].id = must(port, {"CLUSTER", "MYID"});
         }
         // Distinct epochs before the nodes meet spare the cluster its collision resolution.
         for (int i = 0; i < kNodes; ++i) must(base + i, {"CLUSTER", "SET-CONFIG-EPOCH", std::to_string(i + 1)});
         const char* const ranges[3][2] = {{"0", "5460"}, {"5461", "10922"}, {"10923", "16383"}};
         for (int i = 0; i < 3; ++i) must(base + i, {"CLUSTER", "ADDSLOTSRANGE", ranges[i][0], ranges[i][1]});
         for (int i = 1; i < kNodes; ++i) must(base, {"CLUSTER", "MEET", "127.0.0.1", std::to_string(base + i)});
-        // A replica can only name a master it knows.
-        const bool met = poll_until(30, [&] {
-            for (const Node& node : nodes_) {
-                const auto lines = parse_nodes(must(node.port, {"CLUSTER", "NODES"}));
-                if (lines.size() != kNodes) return false;
-                for (const auto& n : lines) {
-                    if (n.has("handshake") || n.has("noaddr")) return false;
-                }
-            }
-            return true;
-        });
-        if (!met) throw std::runtime_error("the nodes did not meet:\n" + describe());
-        for (int i = 0; i < 3; ++i) must(base + 3 + i, {"CLUSTER", "REPLICATE", nodes_[i].id});
+        // A replica can only name a master it knows: until then it answers an error.
+        for (int i = 0; i < 3; ++i) {
+            const Argv replicate = {"CLUSTER", "REPLICATE", nodes_.at(base + i).id};
+            poll_until(30, [&] { return !node_pipeline(base + 3 + i, {replicate}).front().failed; });
+        }
         wait_healthy();
     } catch (...) {
         stop_all();  // no destructor runs for a half-made object
@@ -162,21 +163,22 @@ RedisCluster::RedisCluster(int first_port) {
 RedisCluster::~RedisCluster() { stop_all(); }
 
 void RedisCluster::stop_all() {
-    for (Node& node : nodes_) {
-        kill(node.port);
+    for (auto& [port, node] : nodes_) {
+        kill(port);
         std::error_code ignored;
         std::filesystem::remove_all(node.dir, ignored);
     }
     nodes_.clear();
 }
 
-void RedisCluster::start(Node& node) {
+void RedisCluster::start(int port) {
+    Node& node = nodes_.at(port);
     // Data in memory only. Diskless replication without delay lets a replica sync at once; replica migration off
     // and validity factor 0 keep the topology where the tests put it and let any replica take over its master. A
     // node silent for 2 s is taken for failing: shorter would be quicker, but a loaded two-core machine can delay
     // a node's pings by a good part of a second.
     std::vector<std::string> args = {
-        "redis-server", "--port", std::to_string(node.port), "--bind", "127.0.0.1", "--save", "",
+        "redis-server", "--port", std::to_string(port), "--bind", "127.0.0.1", "--save", "",
         "--appendonly", "no", "--dir", node.dir, "--logfile", "redis.log", "--cluster-enabled", "yes",
         "--cluster-config-file", "nodes.conf", "--cluster-node-timeout", "2000",
         "--cluster-replica-validity-factor", "0", "--cluster-allow-replica-migration", "no",
@@ -197,32 +199,24 @@ void RedisCluster::start(Node& node) {
     }
     const bool up = poll_until(10, [&] {
         if (waitpid(node.pid, nullptr, WNOHANG) != 0) node.pid = -1;
-        return node.pid < 0 || RedisServer::listening(node.port);
+        return node.pid < 0 || RedisServer::listening(port);
     });
-    if (!up || node.pid < 0) {
-        throw std::runtime_error("redis-server did not start on " + std::to_string(node.port));
-    }
+    if (!up || node.pid < 0) throw std::runtime_error("redis-server did not start on " + std::to_string(port));
 }
 
 void RedisCluster::kill(int port) {
-    for (Node& node : nodes_) {
-        if (node.port != port || node.pid <= 0) continue;
-        ::kill(node.pid, SIGKILL);
-        waitpid(node.pid, nullptr, 0);
-        node.pid = -1;
-    }
+    Node& node = nodes_.at(port);
+    if (node.pid <= 0) return;
+    ::kill(node.pid, SIGKILL);
+    waitpid(node.pid, nullptr, 0);
+    node.pid = -1;
 }
 
-bool RedisCluster::running(int port) const {
-    for (const Node& node : nodes_) {
-        if (node.port == port) return node.pid > 0;
-    }
-    return false;
-}
+bool RedisCluster::running(int port) const { return nodes_.count(port) && nodes_.at(port).pid > 0; }
 
 int RedisCluster::any_running() const {
-    for (const Node& node : nodes_) {
-        if (node.pid > 0) return node.port;
+    for (const auto& [port, node] : nodes_) {
+        if (node.pid > 0) return port;
     }
     throw std::runtime_error("no node of the cluster runs");
 }
@@ -237,7 +231,7 @@ std::string RedisCluster::role(int port) const { return field_of(must(port, {"IN
 
 std::vector<int> RedisCluster::ports() const {
     std::vector<int> out;
-    for (const Node& node : nodes_) out.push_back(node.port);
+    for (const auto& entry : nodes_) out.push_back(entry.first);
     return out;
 }
 
@@ -251,12 +245,10 @@ std::vector<int> RedisCluster::masters() const {
 }
 
 int RedisCluster::replica_of(int master) const {
-    std::string id;
-    for (const Node& node : nodes_) id = node.port == master ? node.id : id;
     for (const auto& n : parse_nodes(must(any_running(), {"CLUSTER", "NODES"}))) {
-        if (n.has("slave") && n.master_id == id && running(n.port)) return n.port;
+        if (n.has("slave") && n.master_id == nodes_.at(master).id && running(n.port)) return n.port;
     }
-    throw std::runtime_error("no running replica of " + std::to_string(master) + "\n" + describe());
+    throw std::runtime_error("no running replica of " + std::to_string(master));
 }
 
 int RedisCluster::owner_of_slot(int slot) const {
@@ -265,7 +257,7 @@ int RedisCluster::owner_of_slot(int slot) const {
             return static_cast<int>(range.elements[2].elements.at(1).integer);
         }
     }
-    throw std::runtime_error("no node serves slot " + std::to_string(slot) + "\n" + describe());
+    throw std::runtime_error("no node serves slot " + std::to_string(slot));
 }
 
 std::vector<int> RedisCluster::key_slots(const std::vector<std::string>& server_keys) const {
@@ -281,39 +273,39 @@ std::vector<int> RedisCluster::key_slots(const std::vector<std::string>& server_
 
 long long RedisCluster::error_count(const std::string& prefix, int port) const {
     long long n = 0;
-    for (const Node& node : nodes_) {
-        if (node.pid <= 0 || (port != 0 && node.port != port)) continue;
-        const std::string field = field_of(must(node.port, {"INFO", "errorstats"}), "errorstat_" + prefix);
+    for (int p : port != 0 ? std::vector<int>{port} : ports()) {
+        if (!running(p)) continue;
+        const std::string field = field_of(must(p, {"INFO", "errorstats"}), "errorstat_" + prefix);
         n += field.empty() ? 0 : std::atoll(field.c_str() + field.find('=') + 1);
     }
     return n;
 }
 
 void RedisCluster::reset_error_stats() const {
-    for (const Node& node : nodes_) {
-        if (node.pid > 0) must(node.port, {"CONFIG", "RESETSTAT"});
+    for (int port : ports()) {
+        if (running(port)) must(port, {"CONFIG", "RESETSTAT"});
     }
 }
 
 void RedisCluster::manual_failover(int replica) {
     must(replica, {"CLUSTER", "FAILOVER"});
     if (!poll_until(30, [&] { return role(replica) == "master"; })) {
-        throw std::runtime_error("manual failover to " + std::to_string(replica) + " did not happen\n" + describe());
+        throw std::runtime_error("manual failover to " + std::to_string(replica) + " did not happen");
     }
     wait_healthy();
 }
 
 bool RedisCluster::healthy(std::string& why) const {
     std::string agreed_view;
-    for (const Node& node : nodes_) {
-        if (node.pid <= 0) continue;
-        const std::string name = "node " + std::to_string(node.port);
-        if (field_of("\n" + must(node.port, {"CLUSTER", "INFO"}), "cluster_state") != "ok") {
+    for (int port : ports()) {
+        if (!running(port)) continue;
+        const std::string name = "node " + std::to_string(port);
+        if (field_of("\n" + must(port, {"CLUSTER", "INFO"}), "cluster_state") != "ok") {
             return why = name + " is not ok", false;
         }
         // Every node's picture of roles, slots and failed nodes, leaving out what only that node knows.
         std::vector<std::string> view;
-        for (const auto& n : parse_nodes(must(node.port, {"CLUSTER", "NODES"}))) {
+        for (const auto& n : parse_nodes(must(port, {"CLUSTER", "NODES"}))) {
             const bool up = running(n.port), seen_up = !n.has("fail") && !n.has("fail?") && n.link == "connected";
             if (up ? !seen_up : !n.has("fail")) {
                 return why = name + " is wrong about " + std::to_string(n.port) + " being up", false;
@@ -330,7 +322,7 @@ bool RedisCluster::healthy(std::string& why) const {
         for (const auto& v : view) joined += v + "\n";
         if (agreed_view.empty()) agreed_view = joined;
         if (view.size() != kNodes || joined != agreed_view) return why = name + " sees another cluster", false;
-        const std::string replication = must(node.port, {"INFO", "replication"});
+        const std::string replication = must(port, {"INFO", "replication"});
         if (field_of(replication, "role") == "slave" && field_of(replication, "master_link_status") != "up") {
             return why = name + " is not in sync with its master", false;
         }
@@ -347,23 +339,18 @@ void RedisCluster::wait_healthy(double timeout_s) const {
 
 std::string RedisCluster::describe() const {
     std::string out;
-    for (const Node& node : nodes_) {
-        out += "--- node " + std::to_string(node.port) + (node.pid > 0 ? "\n" : " (not running)\n");
-        if (node.pid > 0) out += node_pipeline(node.port, {{"CLUSTER", "NODES"}}).front().str;
+    for (int port : ports()) {
+        out += "--- node " + std::to_string(port) + (running(port) ? "\n" : " (not running)\n");
+        if (running(port)) out += node_pipeline(port, {{"CLUSTER", "NODES"}}).front().str;
     }
     return out;
 }
 
 Migration RedisCluster::open_migration(int slot, int target) const {
     const Migration m{slot, owner_of_slot(slot), target};
-    std::string source_id, target_id;
-    for (const Node& node : nodes_) {
-        source_id = node.port == m.source ? node.id : source_id;
-        target_id = node.port == target ? node.id : target_id;
-    }
     // The target first: once the source starts answering ASK, the target must already accept ASKING.
-    must(target, {"CLUSTER", "SETSLOT", std::to_string(slot), "IMPORTING", source_id});
-    must(m.source, {"CLUSTER", "SETSLOT", std::to_string(slot), "MIGRATING", target_id});
+    must(target, {"CLUSTER", "SETSLOT", std::to_string(slot), "IMPORTING", nodes_.at(m.source).id});
+    must(m.source, {"CLUSTER", "SETSLOT", std::to_string(slot), "MIGRATING", nodes_.at(target).id});
     return m;
 }
 
@@ -387,9 +374,7 @@ size_t RedisCluster::move_batch(const Migration& m, size_t batch) const {
 }
 
 void RedisCluster::close_migration(const Migration& m) const {
-    std::string target_id;
-    for (const Node& node : nodes_) target_id = node.port == m.target ? node.id : target_id;
-    const Argv assign = {"CLUSTER", "SETSLOT", std::to_string(m.slot), "NODE", target_id};
+    const Argv assign = {"CLUSTER", "SETSLOT", std::to_string(m.slot), "NODE", nodes_.at(m.target).id};
     // The target first, so that it owns the slot (with a new epoch the others will take) before the source stops
     // answering ASK and starts answering MOVED; the source refuses while it still holds keys of the slot.
     must(m.target, assign);

@@ -1,8 +1,7 @@
 // redis_cluster.h -- a private Redis Cluster for one test: six cluster-enabled redis-server processes on loopback
-// (own temporary directories, no persistence), three masters with one replica each, formed and waited for until
-// every node is ok and all agree on the slots. Tests fail masters over, kill nodes and move slots under the
-// library; the fixture's own commands have bounded waits, and everything stops when the object goes. Also where
-// kelvane keys live in a cluster: their server key names (docs/data-layout.md) and their slots.
+// (own temporary directories, no persistence), three masters with one replica each, waited for until every node
+// is ok and all agree on the slots. Tests fail masters over, kill nodes and move slots under the library; the
+// fixture's own commands have bounded waits. Also where kelvane keys live: server key names and slots.
 #ifndef KELVANE_TESTS_REDIS_CLUSTER_H
 #define KELVANE_TESTS_REDIS_CLUSTER_H
 
@@ -15,17 +14,6 @@
 namespace kelvane_test {
 
 using Argv = std::vector<std::string>;
-
-// A reply taken out of hiredis: an integer also as decimal text, failed for an error reply or none at all.
-struct NodeReply {
-    bool failed = true;
-    std::string str;  // the text, the error, or why there was no reply
-    long long integer = 0;
-    std::vector<NodeReply> elements;
-};
-
-// Sends every command on one fresh connection to 127.0.0.1:port before reading any reply.
-std::vector<NodeReply> node_pipeline(int port, const std::vector<Argv>& commands);
 
 // One slot on its way from one master to another (ports).
 struct Migration {
@@ -50,12 +38,12 @@ public:
     int owner_of_slot(int slot) const;
     // CLUSTER KEYSLOT of each name, in one pipeline.
     std::vector<int> key_slots(const std::vector<std::string>& server_keys) const;
-    // The reply as text; a transport failure or an error reply throws.
+    // The reply as text (an integer in decimal); an error reply or none at all throws.
     std::string must(int port, const Argv& argv) const;
     // "role" of INFO replication ("master" or "slave").
     std::string role(int port) const;
-    // How often the running nodes (or one of them) answered an error reply of this kind (MOVED, ASK) since the
-    // last reset_error_stats(): whether a client was redirected.
+    // How often the running nodes (or one) answered an error reply of this kind (MOVED, ASK) since the last
+    // reset_error_stats(): whether a client was redirected.
     long long error_count(const std::string& prefix, int port = 0) const;
     void reset_error_stats() const;
 
@@ -77,19 +65,17 @@ public:
 
 private:
     struct Node {
-        int port;
-        std::string dir;
-        std::string id;
+        std::string dir, id;
         pid_t pid = -1;
     };
-    void start(Node& node);
+    void start(int port);
     void stop_all();
     bool running(int port) const;
     int any_running() const;
     bool healthy(std::string& why) const;
     std::string describe() const;
 
-    std::vector<Node> nodes_;
+    std::map<int, Node> nodes_;  // by port
 };
 
 // kv{E}: E is the key with '%', '{' and '}' percent-encoded, the empty key a lone '%'. The values hash is the
