@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "cluster_workload.h"
+#include "cluster_client.h"
 #include "redis_cluster.h"
 #include "redis_server.h"
 
