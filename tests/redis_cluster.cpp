@@ -214,13 +214,6 @@ void RedisCluster::kill(int port) {
 
 bool RedisCluster::running(int port) const { return nodes_.count(port) && nodes_.at(port).pid > 0; }
 
-int RedisCluster::any_running() const {
-    for (const auto& [port, node] : nodes_) {
-        if (node.pid > 0) return port;
-    }
-    throw std::runtime_error("no node of the cluster runs");
-}
-
 std::string RedisCluster::must(int port, const Argv& argv) const {
     const NodeReply r = node_pipeline(port, {argv}).front();
     if (r.failed) throw std::runtime_error("node " + std::to_string(port) + ": " + argv[0] + " " + r.str);
@@ -231,7 +224,9 @@ std::string RedisCluster::role(int port) const { return field_of(must(port, {"IN
 
 std::vector<int> RedisCluster::ports() const {
     std::vector<int> out;
-    for (const auto& entry : nodes_) out.push_back(entry.first);
+    for (const auto& [port, node] : nodes_) {
+        if (node.pid > 0) out.push_back(port);
+    }
     return out;
 }
 
@@ -271,20 +266,17 @@ std::vector<int> RedisCluster::key_slots(const std::vector<std::string>& server_
     return slots;
 }
 
-long long RedisCluster::error_count(const std::string& prefix, int port) const {
+long long RedisCluster::error_count(const std::string& prefix) const {
     long long n = 0;
-    for (int p : port != 0 ? std::vector<int>{port} : ports()) {
-        if (!running(p)) continue;
-        const std::string field = field_of(must(p, {"INFO", "errorstats"}), "errorstat_" + prefix);
+    for (int port : ports()) {
+        const std::string field = field_of(must(port, {"INFO", "errorstats"}), "errorstat_" + prefix);
         n += field.empty() ? 0 : std::atoll(field.c_str() + field.find('=') + 1);
     }
     return n;
 }
 
 void RedisCluster::reset_error_stats() const {
-    for (int port : ports()) {
-        if (running(port)) must(port, {"CONFIG", "RESETSTAT"});
-    }
+    for (int port : ports()) must(port, {"CONFIG", "RESETSTAT"});
 }
 
 void RedisCluster::manual_failover(int replica) {
@@ -298,7 +290,6 @@ void RedisCluster::manual_failover(int replica) {
 bool RedisCluster::healthy(std::string& why) const {
     std::string agreed_view;
     for (int port : ports()) {
-        if (!running(port)) continue;
         const std::string name = "node " + std::to_string(port);
         if (field_of("\n" + must(port, {"CLUSTER", "INFO"}), "cluster_state") != "ok") {
             return why = name + " is not ok", false;
@@ -332,18 +323,11 @@ bool RedisCluster::healthy(std::string& why) const {
 
 void RedisCluster::wait_healthy(double timeout_s) const {
     std::string why;
-    if (!poll_until(timeout_s, [&] { return healthy(why); })) {
-        throw std::runtime_error("the cluster did not become whole: " + why + "\n" + describe());
-    }
-}
-
-std::string RedisCluster::describe() const {
-    std::string out;
+    if (poll_until(timeout_s, [&] { return healthy(why); })) return;
     for (int port : ports()) {
-        out += "--- node " + std::to_string(port) + (running(port) ? "\n" : " (not running)\n");
-        if (running(port)) out += node_pipeline(port, {{"CLUSTER", "NODES"}}).front().str;
+        why += "\n--- node " + std::to_string(port) + "\n" + node_pipeline(port, {{"CLUSTER", "NODES"}}).front().str;
     }
-    return out;
+    throw std::runtime_error("the cluster did not become whole: " + why);
 }
 
 Migration RedisCluster::open_migration(int slot, int target) const {

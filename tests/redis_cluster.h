@@ -31,6 +31,7 @@ public:
     RedisCluster(const RedisCluster&) = delete;
     RedisCluster& operator=(const RedisCluster&) = delete;
 
+    // The running nodes.
     std::vector<int> ports() const;
     // Running masters that serve slots, in port order.
     std::vector<int> masters() const;
@@ -42,9 +43,9 @@ public:
     std::string must(int port, const Argv& argv) const;
     // "role" of INFO replication ("master" or "slave").
     std::string role(int port) const;
-    // How often the running nodes (or one) answered an error reply of this kind (MOVED, ASK) since the last
+    // How often the running nodes answered an error reply of this kind (MOVED, ASK) since the last
     // reset_error_stats(): whether a client was redirected.
-    long long error_count(const std::string& prefix, int port = 0) const;
+    long long error_count(const std::string& prefix) const;
     void reset_error_stats() const;
 
     // CLUSTER FAILOVER on the replica, then waits until it is master and the cluster healthy.
@@ -71,9 +72,8 @@ private:
     void start(int port);
     void stop_all();
     bool running(int port) const;
-    int any_running() const;
+    int any_running() const { return ports().at(0); }
     bool healthy(std::string& why) const;
-    std::string describe() const;
 
     std::map<int, Node> nodes_;  // by port
 };

@@ -24,9 +24,8 @@ double seconds_since(Clock::time_point t) { return std::chrono::duration<double>
 void expect_scored(KvClient& client, const std::string& key, const std::string& member, double score,
                    const std::string& value) {
     const KvClient::Scored got = client.zscore(key, member);
-    EXPECT_EQ(got.status, KV_SUCCESS) << member;
-    EXPECT_EQ(got.score, score) << member;
-    EXPECT_EQ(got.value, value) << member;
+    EXPECT_TRUE(got.status == KV_SUCCESS && got.score == score && got.value == value)
+        << member << ": status " << got.status << ", score " << got.score << ", value " << got.value.value_or("-");
 }
 
 // call() while settle() runs on another thread a second into it: the call must wait for the cluster to settle.
@@ -91,7 +90,7 @@ TEST(Routing, SeedsKeysRedirectionsRetriesAndFailover) {
     EXPECT_EQ(client.zaddval(moved, 3, "c", "value c"), KV_SUCCESS);
     expect_scored(client, stays, "b", 2, "value b");
     EXPECT_EQ(client.zaddval(stays, 4, "d", "value d"), KV_SUCCESS);
-    EXPECT_GT(cluster.error_count("ASK", source), 0) << "the source never sent the client on";
+    EXPECT_GT(cluster.error_count("ASK"), 0) << "the source never sent the client on";
     EXPECT_EQ(cluster.error_count("MOVED"), 0) << "an ASK changed the map, for the other key too";
 
     // The second key's two server keys split between the nodes: the source answers TRYAGAIN. A key made while the
