@@ -18,7 +18,7 @@ void expect_byte_exact_pass(const ZsetRun& run) {
     EXPECT_EQ(run.exit_code, 0);
     EXPECT_EQ(run.err, "");
     const Transcript t = parse_transcript(run.out);
-    ASSERT_EQ(t.cases.size(), static_cast<size_t>(kCases)) << run.out;
+    ASSERT_EQ(t.cases.size(), static_cast<size_t>(kCases));
     std::string expected;
     for (const auto& c : t.cases) expected += "== " + c.title + " ==\n== PASSED ==\n\n";
     EXPECT_EQ(run.out, expected + summary_line(kCases, 0) + "\n");
