@@ -1,57 +1,94 @@
-// cluster_client.h -- a kelvane client as the cluster tests use it: its own memory manager, seeds registered by
-// port, and the calls the tests make with their results taken apart into owned data (every buffer released at
-// once). When it goes, every buffer the library handed out must be back.
+// cluster_client.h -- a kelvane client for the cluster tests: its own memory manager, seeds registered by port,
+// results taken apart into owned data (every buffer released at once), and every buffer back when it goes.
 #ifndef KELVANE_TESTS_CLUSTER_CLIENT_H
 #define KELVANE_TESTS_CLUSTER_CLIENT_H
 
-#include <cstdint>
+#include <gtest/gtest.h>
+
+#include <chrono>
 #include <map>
 #include <optional>
+#include <stdexcept>
 #include <string>
 
 #include "kelvane.h"
 
 namespace kelvane_test {
 
-// "KV_TRY_AGAIN (109)" and the like, for reports.
-std::string status_name(int32_t status);
+using Clock = std::chrono::steady_clock;
 
 class KvClient {
 public:
-    KvClient(int32_t connect_timeout_s = 1, int32_t command_timeout_s = 2, int32_t connect_attempts = 2);
-    // Destroys the client, checks that the memory manager has every buffer back, destroys the manager.
-    ~KvClient();
+    KvClient(int32_t connect_timeout_s = 1, int32_t command_timeout_s = 2, int32_t connect_attempts = 2)
+        : bound_s_(connect_attempts * connect_timeout_s + command_timeout_s),
+          mm_(kv_mm_create(nullptr, nullptr, nullptr, 0)),
+          client_(kv_client_create(connect_timeout_s, command_timeout_s, mm_, connect_attempts)) {
+        if (mm_ == nullptr || client_ == nullptr) throw std::runtime_error("cannot create a kelvane client");
+    }
+    ~KvClient() {
+        kv_client_destroy(client_);
+        EXPECT_EQ(mm_->live_count(mm_), 0u) << "buffers the library handed out and nobody got back";
+        kv_mm_destroy(mm_);
+    }
     KvClient(const KvClient&) = delete;
     KvClient& operator=(const KvClient&) = delete;
 
-    int32_t add_seed(int port);
+    int32_t add_seed(int port) { return kv_server_add(client_, "127.0.0.1", static_cast<uint32_t>(port), nullptr); }
     // The most any one call may take: connect attempts x connect timeout + command timeout.
-    double call_bound_s() const { return attempts_ * connect_s_ + command_s_; }
-    kv_client* get() const { return client_; }
-    size_t live_buffers() const { return mm_->live_count(mm_); }
+    double call_bound_s() const { return bound_s_; }
 
-    int32_t zaddval(const std::string& key, double score, const std::string& member, const std::string& value);
-    int32_t zincrby(const std::string& key, const std::string& member, double increment, double* new_score);
-    int32_t del(const std::string& key);
+    int32_t zaddval(const std::string& key, double score, const std::string& member, const std::string& value) {
+        return kv_zaddval(client_, key.data(), key.size(), score, member.data(), member.size(), value.data(),
+                          value.size(), 0);
+    }
 
     struct Scored {
         int32_t status = -1;
         double score = 0;
         std::optional<std::string> value;
     };
-    Scored zscore(const std::string& key, const std::string& member);
+    Scored zscore(const std::string& key, const std::string& member) {
+        Scored out;
+        char* value = nullptr;
+        size_t len = 0;
+        out.status = kv_zscore(client_, key.data(), key.size(), member.data(), member.size(), &out.score, &value, &len);
+        if (value != nullptr) out.value = std::string(value, len);
+        mm_->release(value);
+        return out;
+    }
 
     // A whole sorted set: member -> (score, value).
     struct Members {
         int32_t status = -1;
         std::map<std::string, std::pair<double, std::optional<std::string>>> items;
     };
-    Members zrange_all(const std::string& key);
+    Members zrange_all(const std::string& key) {
+        Members out;
+        void **members = nullptr, **values = nullptr;
+        size_t count = 0, *members_len = nullptr, *values_len = nullptr;
+        double* scores = nullptr;
+        out.status = kv_zrange(client_, key.data(), key.size(), 0, -1, &members, &count, &members_len,
+                               ZSET_WITH_SCORES | ZSET_WITH_VALUES, &scores, &values, &values_len);
+        for (size_t k = 0; k < count && members != nullptr; ++k) {
+            auto& item = out.items[std::string(static_cast<char*>(members[k]), members_len[k])];
+            item.first = scores ? scores[k] : 0;
+            if (values != nullptr && values[k] != nullptr) {
+                item.second.emplace(static_cast<char*>(values[k]), values_len[k]);
+            }
+            mm_->release(members[k]);
+            if (values != nullptr) mm_->release(values[k]);
+        }
+        for (void* array : {static_cast<void*>(members), static_cast<void*>(members_len), static_cast<void*>(scores),
+                            static_cast<void*>(values), static_cast<void*>(values_len)}) {
+            mm_->release(array);
+        }
+        return out;
+    }
 
 private:
-    int32_t connect_s_, command_s_, attempts_;
-    kv_mm* mm_ = nullptr;
-    kv_client* client_ = nullptr;
+    double bound_s_;
+    kv_mm* mm_;
+    kv_client* client_;
 };
 
 }  // namespace kelvane_test

@@ -1,13 +1,18 @@
-// redis_cluster.cpp -- making the cluster, reading its topology, waiting until it is whole, failing masters over.
-// Slot migration is in redis_cluster_migration.cpp.
+// redis_cluster.cpp -- starting and killing the cluster's nodes, talking to them, waiting until the cluster is
+// whole, failing masters over and moving slots.
 #include "redis_cluster.h"
 
+#include <hiredis/hiredis.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
-#include <set>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -17,17 +22,29 @@
 namespace kelvane_test {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+// A reply taken out of hiredis: an integer also as decimal text, failed for an error reply or none at all.
+struct NodeReply {
+    bool failed = true;
+    std::string str;  // the text, the error, or why there was no reply
+    long long integer = 0;
+    std::vector<NodeReply> elements;
+};
+
+NodeReply own(const redisReply* r) {
+    NodeReply out;
+    out.failed = r->type == REDIS_REPLY_ERROR;
+    out.integer = r->integer;
+    out.str = r->type == REDIS_REPLY_INTEGER ? std::to_string(r->integer) : std::string(r->str ? r->str : "", r->len);
+    for (size_t i = 0; i < r->elements; ++i) out.elements.push_back(own(r->element[i]));
+    return out;
+}
 
 // One line of CLUSTER NODES: a node as one node sees it.
 struct NodeLine {
-    std::string id;
+    std::string flags, master_id, link;  // master_id "-" for a master
     int port = 0;
-    std::set<std::string> flags;
-    std::string master_id;  // "-" for a master
-    std::string link;
-    std::vector<std::string> slots;  // "0-5460", "7", or "[7->-id]" for a slot this node is moving
-    bool has(const std::string& flag) const { return flags.count(flag) > 0; }
+    std::vector<std::string> slots;  // "0-5460", "7", or "[7->-id]" for a slot in migration
+    bool has(const std::string& flag) const { return ("," + flags + ",").find("," + flag + ",") != std::string::npos; }
 };
 
 std::vector<NodeLine> parse_nodes(const std::string& text) {
@@ -36,136 +53,187 @@ std::vector<NodeLine> parse_nodes(const std::string& text) {
     for (std::string line; std::getline(lines, line);) {
         std::istringstream fields(line);
         NodeLine n;
-        std::string addr, flags, ping, pong, epoch;
-        if (!(fields >> n.id >> addr >> flags >> n.master_id >> ping >> pong >> epoch >> n.link)) continue;
-        const size_t colon = addr.find(':');
-        n.port = std::atoi(addr.c_str() + (colon == std::string::npos ? 0 : colon + 1));
-        std::istringstream flag_list(flags);
-        for (std::string f; std::getline(flag_list, f, ',');) n.flags.insert(f);
+        std::string id, addr, ping, pong, epoch;
+        if (!(fields >> id >> addr >> n.flags >> n.master_id >> ping >> pong >> epoch >> n.link)) continue;
+        n.port = std::atoi(addr.c_str() + addr.find(':') + 1);
         for (std::string s; fields >> s;) n.slots.push_back(s);
         out.push_back(n);
     }
     return out;
 }
 
-// Polls until done() holds, at most timeout_s; done() may explain in why what it still waits for.
+std::string field_of(const std::string& text, const std::string& field) {
+    const size_t at = text.find("\n" + field + ":");
+    if (at == std::string::npos) return "";
+    const size_t from = at + field.size() + 2;
+    return text.substr(from, text.find('\r', from) - from);
+}
+
 template <class Done>
 bool poll_until(double timeout_s, Done done) {
-    const auto deadline = Clock::now() + std::chrono::duration<double>(timeout_s);
-    for (;;) {
-        if (done()) return true;
-        if (Clock::now() > deadline) return false;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout_s);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
+    return true;
 }
 
-// The kernel's range for the local ports of outgoing connections, which a node's bind() can collide with.
-std::pair<int, int> ephemeral_ports() {
-    std::ifstream in("/proc/sys/net/ipv4/ip_local_port_range");
-    int low = 32768, high = 60999;
-    in >> low >> high;
-    return {low, high};
-}
-
-// A block of kNodes ports whose cluster bus ports (+10000) are free too, all outside the ephemeral range: the test
-// and the nodes connect to each other all the time, and a port one of those connections holds could not be bound.
+// A block of ports whose cluster bus ports (+10000) are free too, all below the kernel's range for the local
+// ports of outgoing connections: the test and the nodes connect to each other all the time, and a port one of
+// those connections holds could not be bound.
 int free_block() {
-    const auto [low, high] = ephemeral_ports();
-    const auto clear = [&](int first) {
-        if (first + RedisCluster::kNodes - 1 >= low && first <= high) return false;
+    int low = 32768;
+    std::ifstream("/proc/sys/net/ipv4/ip_local_port_range") >> low;
+    const auto clear = [](int first) {
         for (int i = 0; i < RedisCluster::kNodes; ++i) {
             if (RedisServer::listening(first + i)) return false;
         }
         return true;
     };
-    const int start = 13000 + static_cast<int>(getpid() % 500) * 16;
-    for (int base = start; base + 10000 + RedisCluster::kNodes <= 65535; base += 16) {
+    for (int base = 13000 + static_cast<int>(getpid() % 500) * 16; base + 10000 + RedisCluster::kNodes < low;
+         base += 16) {
         if (clear(base) && clear(base + 10000)) return base;
     }
     throw std::runtime_error("no free block of ports for a cluster");
 }
 
+// Sends every command on one fresh connection before reading any reply.
+std::vector<NodeReply> node_pipeline(int port, const std::vector<Argv>& commands) {
+    NodeReply broken;
+    std::unique_ptr<redisContext, void (*)(redisContext*)> c(
+        redisConnectWithTimeout("127.0.0.1", port, timeval{1, 0}), redisFree);
+    if (!c || c->err) {
+        broken.str = "cannot connect to " + std::to_string(port);
+        return std::vector<NodeReply>(commands.size(), broken);
+    }
+    redisSetTimeout(c.get(), timeval{10, 0});
+    for (const auto& argv : commands) {
+        std::vector<const char*> ptrs;
+        std::vector<size_t> lens;
+        for (const auto& a : argv) {
+            ptrs.push_back(a.data());
+            lens.push_back(a.size());
+        }
+        redisAppendCommandArgv(c.get(), static_cast<int>(ptrs.size()), ptrs.data(), lens.data());
+    }
+    std::vector<NodeReply> replies;
+    for (size_t i = 0; i < commands.size(); ++i) {
+        void* raw = nullptr;
+        if (redisGetReply(c.get(), &raw) != REDIS_OK || raw == nullptr) {
+            broken.str = c->errstr;
+            replies.resize(commands.size(), broken);
+            break;
+        }
+        replies.push_back(own(static_cast<redisReply*>(raw)));
+        freeReplyObject(raw);
+    }
+    return replies;
+}
+
 }  // namespace
 
-RedisCluster::RedisCluster(int first_port, int node_timeout_ms) {
+RedisCluster::RedisCluster(int first_port) {
     const int base = first_port != 0 ? first_port : free_block();
-    for (int i = 0; i < kNodes; ++i) {
-        ports_.push_back(base + i);
-        nodes_[base + i] = std::make_unique<ClusterNode>(base + i, node_timeout_ms);
-    }
-    create();
-}
-
-RedisCluster::~RedisCluster() = default;
-
-void RedisCluster::create() {
-    for (int port : ports_) ids_[port] = must(port, {"CLUSTER", "MYID"});
-    // Distinct epochs before the nodes meet spare the cluster its collision resolution.
-    for (int i = 0; i < kNodes; ++i) must(ports_[i], {"CLUSTER", "SET-CONFIG-EPOCH", std::to_string(i + 1)});
-    const char* const ranges[3][2] = {{"0", "5460"}, {"5461", "10922"}, {"10923", "16383"}};
-    for (int i = 0; i < 3; ++i) must(ports_[i], {"CLUSTER", "ADDSLOTSRANGE", ranges[i][0], ranges[i][1]});
-    for (int i = 1; i < kNodes; ++i) must(ports_[0], {"CLUSTER", "MEET", "127.0.0.1", std::to_string(ports_[i])});
-    // A replica can only name a master it knows.
-    const bool met = poll_until(30, [&] {
-        for (int port : ports_) {
-            const auto lines = parse_nodes(must(port, {"CLUSTER", "NODES"}));
-            if (lines.size() != kNodes) return false;
-            for (const auto& n : lines) {
-                if (n.has("handshake") || n.has("noaddr") || !ids_.count(n.port) || ids_.at(n.port) != n.id) {
-                    return false;
-                }
-            }
+    try {
+        for (int port = base; port < base + kNodes; ++port) {
+            char dir[] = "/tmp/kelvane-cluster-XXXXXX";
+            if (mkdtemp(dir) == nullptr) throw std::runtime_error("mkdtemp failed");
+            nodes_[port].dir = dir;
+            start(port);
+            nodes_[port].id = must(port, {"CLUSTER", "MYID"});
         }
-        return true;
-    });
-    if (!met) throw std::runtime_error("the nodes did not meet:\n" + describe());
-    for (int i = 0; i < 3; ++i) must(ports_[3 + i], {"CLUSTER", "REPLICATE", ids_.at(ports_[i])});
-    wait_healthy();
-}
-
-bool RedisCluster::running(int port) const { return nodes_.at(port)->running(); }
-
-int RedisCluster::any_running() const {
-    for (int port : ports_) {
-        if (running(port)) return port;
+        // Distinct epochs before the nodes meet spare the cluster its collision resolution.
+        for (int i = 0; i < kNodes; ++i) must(base + i, {"CLUSTER", "SET-CONFIG-EPOCH", std::to_string(i + 1)});
+        const char* const ranges[3][2] = {{"0", "5460"}, {"5461", "10922"}, {"10923", "16383"}};
+        for (int i = 0; i < 3; ++i) must(base + i, {"CLUSTER", "ADDSLOTSRANGE", ranges[i][0], ranges[i][1]});
+        for (int i = 1; i < kNodes; ++i) must(base, {"CLUSTER", "MEET", "127.0.0.1", std::to_string(base + i)});
+        // A replica can only name a master it knows: until then it answers an error.
+        for (int i = 0; i < 3; ++i) {
+            const Argv replicate = {"CLUSTER", "REPLICATE", nodes_.at(base + i).id};
+            poll_until(30, [&] { return !node_pipeline(base + 3 + i, {replicate}).front().failed; });
+        }
+        wait_healthy();
+    } catch (...) {
+        stop_all();  // no destructor runs for a half-made object
+        throw;
     }
-    throw std::runtime_error("no node of the cluster runs");
 }
+
+RedisCluster::~RedisCluster() { stop_all(); }
+
+void RedisCluster::stop_all() {
+    for (auto& [port, node] : nodes_) {
+        kill(port);
+        std::error_code ignored;
+        std::filesystem::remove_all(node.dir, ignored);
+    }
+    nodes_.clear();
+}
+
+void RedisCluster::start(int port) {
+    Node& node = nodes_.at(port);
+    // Data in memory only. Diskless replication without delay lets a replica sync at once; replica migration off
+    // and validity factor 0 keep the topology where the tests put it and let any replica take over its master. A
+    // node silent for 2 s is taken for failing: shorter would be quicker, but a loaded two-core machine can delay
+    // a node's pings by a good part of a second.
+    std::vector<std::string> args = {
+        "redis-server", "--port", std::to_string(port), "--bind", "127.0.0.1", "--save", "",
+        "--appendonly", "no", "--dir", node.dir, "--logfile", "redis.log", "--cluster-enabled", "yes",
+        "--cluster-config-file", "nodes.conf", "--cluster-node-timeout", "2000",
+        "--cluster-replica-validity-factor", "0", "--cluster-allow-replica-migration", "no",
+        "--repl-diskless-sync", "yes", "--repl-diskless-sync-delay", "0"};
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    const pid_t parent = getpid();
+    node.pid = fork();
+    if (node.pid < 0) throw std::runtime_error("fork failed");
+    if (node.pid == 0) {
+        // A test process that dies without its destructors (a crash, a ctest timeout) takes its nodes along. The
+        // signal follows the thread that forked: nodes start in the constructor, on the test's own thread.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) _exit(127);
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    const bool up = poll_until(10, [&] {
+        if (waitpid(node.pid, nullptr, WNOHANG) != 0) node.pid = -1;
+        return node.pid < 0 || RedisServer::listening(port);
+    });
+    if (!up || node.pid < 0) throw std::runtime_error("redis-server did not start on " + std::to_string(port));
+}
+
+void RedisCluster::kill(int port) {
+    Node& node = nodes_.at(port);
+    if (node.pid <= 0) return;
+    ::kill(node.pid, SIGKILL);
+    waitpid(node.pid, nullptr, 0);
+    node.pid = -1;
+}
+
+bool RedisCluster::running(int port) const { return nodes_.count(port) && nodes_.at(port).pid > 0; }
 
 std::string RedisCluster::must(int port, const Argv& argv) const {
-    const NodeReply r = node_command(port, argv);
-    if (r.failed()) {
-        std::string cmd;
-        for (const auto& a : argv) cmd += (cmd.empty() ? "" : " ") + a;
-        throw std::runtime_error("node " + std::to_string(port) + ": " + cmd + ": " + r.text());
-    }
-    return r.text();
+    const NodeReply r = node_pipeline(port, {argv}).front();
+    if (r.failed) throw std::runtime_error("node " + std::to_string(port) + ": " + argv[0] + " " + r.str);
+    return r.str;
 }
 
-std::string RedisCluster::info_field(int port, const std::string& section, const std::string& field) const {
-    const NodeReply r = section == "cluster" ? node_command(port, {"CLUSTER", "INFO"})
-                                             : node_command(port, {"INFO", section});
-    std::istringstream lines(r.str);
-    for (std::string line; std::getline(lines, line);) {
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (line.rfind(field + ":", 0) == 0) return line.substr(field.size() + 1);
+std::string RedisCluster::role(int port) const { return field_of(must(port, {"INFO", "replication"}), "role"); }
+
+std::vector<int> RedisCluster::ports() const {
+    std::vector<int> out;
+    for (const auto& [port, node] : nodes_) {
+        if (node.pid > 0) out.push_back(port);
     }
-    return "";
+    return out;
 }
 
 std::vector<int> RedisCluster::masters() const {
     std::vector<int> out;
     for (const auto& n : parse_nodes(must(any_running(), {"CLUSTER", "NODES"}))) {
-        if (n.has("master") && !n.slots.empty() && ids_.count(n.port) && running(n.port)) out.push_back(n.port);
-    }
-    std::sort(out.begin(), out.end());
-    return out;
-}
-
-std::vector<int> RedisCluster::replicas() const {
-    std::vector<int> out;
-    for (const auto& n : parse_nodes(must(any_running(), {"CLUSTER", "NODES"}))) {
-        if (n.has("slave") && ids_.count(n.port) && running(n.port)) out.push_back(n.port);
+        if (n.has("master") && !n.slots.empty() && running(n.port)) out.push_back(n.port);
     }
     std::sort(out.begin(), out.end());
     return out;
@@ -173,118 +241,67 @@ std::vector<int> RedisCluster::replicas() const {
 
 int RedisCluster::replica_of(int master) const {
     for (const auto& n : parse_nodes(must(any_running(), {"CLUSTER", "NODES"}))) {
-        if (n.has("slave") && n.master_id == ids_.at(master) && running(n.port)) return n.port;
+        if (n.has("slave") && n.master_id == nodes_.at(master).id && running(n.port)) return n.port;
     }
-    throw std::runtime_error("no running replica of " + std::to_string(master) + "\n" + describe());
-}
-
-int RedisCluster::master_of(int replica) const {
-    for (const auto& n : parse_nodes(must(any_running(), {"CLUSTER", "NODES"}))) {
-        if (n.port != replica) continue;
-        for (const auto& [port, id] : ids_) {
-            if (id == n.master_id) return port;
-        }
-    }
-    throw std::runtime_error(std::to_string(replica) + " replicates no known master\n" + describe());
+    throw std::runtime_error("no running replica of " + std::to_string(master));
 }
 
 int RedisCluster::owner_of_slot(int slot) const {
-    const NodeReply r = node_command(any_running(), {"CLUSTER", "SLOTS"});
-    for (const auto& range : r.elements) {
+    for (const auto& range : node_pipeline(any_running(), {{"CLUSTER", "SLOTS"}}).front().elements) {
         if (range.elements.size() >= 3 && range.elements[0].integer <= slot && slot <= range.elements[1].integer) {
             return static_cast<int>(range.elements[2].elements.at(1).integer);
         }
     }
-    throw std::runtime_error("no node serves slot " + std::to_string(slot) + "\n" + describe());
+    throw std::runtime_error("no node serves slot " + std::to_string(slot));
 }
-
-int RedisCluster::key_slot(const std::string& server_key) const { return key_slots({server_key}).front(); }
 
 std::vector<int> RedisCluster::key_slots(const std::vector<std::string>& server_keys) const {
     std::vector<Argv> commands;
     for (const auto& k : server_keys) commands.push_back({"CLUSTER", "KEYSLOT", k});
     std::vector<int> slots;
     for (const auto& r : node_pipeline(any_running(), commands)) {
-        if (r.kind != NodeReply::kInteger) throw std::runtime_error("CLUSTER KEYSLOT: " + r.text());
+        if (r.failed) throw std::runtime_error("CLUSTER KEYSLOT: " + r.str);
         slots.push_back(static_cast<int>(r.integer));
     }
     return slots;
 }
 
-std::vector<std::string> RedisCluster::keys_on(int port) const {
-    std::vector<std::string> keys;
-    std::string cursor = "0";
-    do {
-        const NodeReply r = node_command(port, {"SCAN", cursor, "COUNT", "1000"});
-        if (r.kind != NodeReply::kArray || r.elements.size() != 2) throw std::runtime_error("SCAN: " + r.text());
-        cursor = r.elements[0].str;
-        for (const auto& k : r.elements[1].elements) keys.push_back(k.str);
-    } while (cursor != "0");
-    return keys;
-}
-
-long long RedisCluster::error_count(int port, const std::string& prefix) const {
-    const std::string field = info_field(port, "errorstats", "errorstat_" + prefix);
-    return field.empty() ? 0 : std::atoll(field.c_str() + field.find('=') + 1);
-}
-
 long long RedisCluster::error_count(const std::string& prefix) const {
     long long n = 0;
-    for (int port : ports_) n += running(port) ? error_count(port, prefix) : 0;
+    for (int port : ports()) {
+        const std::string field = field_of(must(port, {"INFO", "errorstats"}), "errorstat_" + prefix);
+        n += field.empty() ? 0 : std::atoll(field.c_str() + field.find('=') + 1);
+    }
     return n;
 }
 
 void RedisCluster::reset_error_stats() const {
-    for (int port : ports_) {
-        if (running(port)) must(port, {"CONFIG", "RESETSTAT"});
-    }
+    for (int port : ports()) must(port, {"CONFIG", "RESETSTAT"});
 }
 
 void RedisCluster::manual_failover(int replica) {
-    const int old_master = master_of(replica);
     must(replica, {"CLUSTER", "FAILOVER"});
-    const bool switched = poll_until(30, [&] {
-        return info_field(replica, "replication", "role") == "master" &&
-               info_field(old_master, "replication", "role") == "slave";
-    });
-    if (!switched) throw std::runtime_error("manual failover to " + std::to_string(replica) + " did not happen\n" +
-                                            describe());
+    if (!poll_until(30, [&] { return role(replica) == "master"; })) {
+        throw std::runtime_error("manual failover to " + std::to_string(replica) + " did not happen");
+    }
     wait_healthy();
 }
 
-int RedisCluster::kill_master(int master, const std::function<void()>& killed) {
-    const int replica = replica_of(master);
-    kill(master);
-    if (killed) killed();
-    if (!poll_until(60, [&] { return info_field(replica, "replication", "role") == "master"; })) {
-        throw std::runtime_error(std::to_string(replica) + " was not promoted\n" + describe());
-    }
-    wait_healthy(60);
-    return replica;
-}
-
-void RedisCluster::kill(int port) { nodes_.at(port)->kill(); }
-
-void RedisCluster::restart(int port) { nodes_.at(port)->start(); }
-
 bool RedisCluster::healthy(std::string& why) const {
     std::string agreed_view;
-    for (int port : ports_) {
-        if (!running(port)) continue;
+    for (int port : ports()) {
         const std::string name = "node " + std::to_string(port);
-        if (info_field(port, "cluster", "cluster_state") != "ok") return why = name + " is not ok", false;
+        if (field_of("\n" + must(port, {"CLUSTER", "INFO"}), "cluster_state") != "ok") {
+            return why = name + " is not ok", false;
+        }
         // Every node's picture of roles, slots and failed nodes, leaving out what only that node knows.
         std::vector<std::string> view;
-        const auto lines = parse_nodes(node_command(port, {"CLUSTER", "NODES"}).str);
-        if (lines.size() != kNodes) return why = name + " does not know every node", false;
-        for (const auto& n : lines) {
-            const bool up = ids_.count(n.port) && running(n.port);
-            if (up && (n.has("fail") || n.has("fail?") || n.link != "connected")) {
-                return why = name + " does not see " + std::to_string(n.port) + " up", false;
+        for (const auto& n : parse_nodes(must(port, {"CLUSTER", "NODES"}))) {
+            const bool up = running(n.port), seen_up = !n.has("fail") && !n.has("fail?") && n.link == "connected";
+            if (up ? !seen_up : !n.has("fail")) {
+                return why = name + " is wrong about " + std::to_string(n.port) + " being up", false;
             }
-            if (!up && !n.has("fail")) return why = name + " has not marked " + std::to_string(n.port) + " failed", false;
-            std::string entry = std::to_string(n.port) + (n.has("master") ? " master" : " replica of ") +
-                                (n.has("master") ? "" : n.master_id) + (up ? "" : " failed");
+            std::string entry = std::to_string(n.port) + " " + n.master_id + (up ? "" : " failed");
             for (const auto& s : n.slots) {
                 if (s.front() == '[') return why = name + " has a slot in migration", false;
                 entry += " " + s;
@@ -295,9 +312,9 @@ bool RedisCluster::healthy(std::string& why) const {
         std::string joined;
         for (const auto& v : view) joined += v + "\n";
         if (agreed_view.empty()) agreed_view = joined;
-        if (joined != agreed_view) return why = name + " sees another cluster", false;
-        if (info_field(port, "replication", "role") == "slave" &&
-            info_field(port, "replication", "master_link_status") != "up") {
+        if (view.size() != kNodes || joined != agreed_view) return why = name + " sees another cluster", false;
+        const std::string replication = must(port, {"INFO", "replication"});
+        if (field_of(replication, "role") == "slave" && field_of(replication, "master_link_status") != "up") {
             return why = name + " is not in sync with its master", false;
         }
     }
@@ -306,29 +323,50 @@ bool RedisCluster::healthy(std::string& why) const {
 
 void RedisCluster::wait_healthy(double timeout_s) const {
     std::string why;
-    if (!poll_until(timeout_s, [&] { return healthy(why); })) {
-        throw std::runtime_error("the cluster did not become whole: " + why + "\n" + describe());
+    if (poll_until(timeout_s, [&] { return healthy(why); })) return;
+    for (int port : ports()) {
+        why += "\n--- node " + std::to_string(port) + "\n" + node_pipeline(port, {{"CLUSTER", "NODES"}}).front().str;
     }
+    throw std::runtime_error("the cluster did not become whole: " + why);
 }
 
-void RedisCluster::wait_state(const std::string& state, double timeout_s) const {
-    const bool reached = poll_until(timeout_s, [&] {
-        for (int port : ports_) {
-            if (running(port) && info_field(port, "cluster", "cluster_state") != state) return false;
-        }
-        return true;
-    });
-    if (!reached) throw std::runtime_error("not every node says cluster_state:" + state + "\n" + describe());
+Migration RedisCluster::open_migration(int slot, int target) const {
+    const Migration m{slot, owner_of_slot(slot), target};
+    // The target first: once the source starts answering ASK, the target must already accept ASKING.
+    must(target, {"CLUSTER", "SETSLOT", std::to_string(slot), "IMPORTING", nodes_.at(m.source).id});
+    must(m.source, {"CLUSTER", "SETSLOT", std::to_string(slot), "MIGRATING", nodes_.at(target).id});
+    return m;
 }
 
-std::string RedisCluster::describe() const {
-    std::string out;
-    for (int port : ports_) {
-        out += "--- node " + std::to_string(port) + (running(port) ? "" : " (not running)") + "\n";
-        if (running(port)) out += node_command(port, {"CLUSTER", "NODES"}).text();
-        out += nodes_.at(port)->log_tail(8);
+void RedisCluster::move_keys(const Migration& m, const std::vector<std::string>& server_keys) const {
+    if (server_keys.empty()) return;
+    Argv migrate = {"MIGRATE", "127.0.0.1", std::to_string(m.target), "", "0", "5000", "KEYS"};
+    migrate.insert(migrate.end(), server_keys.begin(), server_keys.end());
+    // NOKEY: none of them was there (anymore); anything else but OK (BUSYKEY, IOERR) is a broken migration.
+    const std::string reply = must(m.source, migrate);
+    if (reply != "OK" && reply != "NOKEY") throw std::runtime_error("MIGRATE: " + reply);
+}
+
+size_t RedisCluster::move_batch(const Migration& m, size_t batch) const {
+    const NodeReply keys =
+        node_pipeline(m.source, {{"CLUSTER", "GETKEYSINSLOT", std::to_string(m.slot), std::to_string(batch)}}).front();
+    if (keys.failed) throw std::runtime_error("CLUSTER GETKEYSINSLOT: " + keys.str);
+    std::vector<std::string> names;
+    for (const auto& k : keys.elements) names.push_back(k.str);
+    move_keys(m, names);
+    return names.size();
+}
+
+void RedisCluster::close_migration(const Migration& m) const {
+    const Argv assign = {"CLUSTER", "SETSLOT", std::to_string(m.slot), "NODE", nodes_.at(m.target).id};
+    // The target first, so that it owns the slot (with a new epoch the others will take) before the source stops
+    // answering ASK and starts answering MOVED; the source refuses while it still holds keys of the slot.
+    must(m.target, assign);
+    must(m.source, assign);
+    for (int port : masters()) {
+        if (port != m.target && port != m.source) must(port, assign);
     }
-    return out;
+    wait_healthy();
 }
 
 }  // namespace kelvane_test
