@@ -78,7 +78,7 @@ std::string take_item(kv_mm* mm, void* item, size_t len, std::string& fault) {
 }
 
 const char* const kLayoutScript = R"(
-local faults, mains, hashes = {}, 0, 0
+local faults = {}
 local function fault(text) faults[#faults + 1] = text end
 for _, key in ipairs(redis.call('KEYS', '*')) do
   local close = string.find(key, '}', 1, true)
@@ -86,11 +86,9 @@ for _, key in ipairs(redis.call('KEYS', '*')) do
   if string.sub(key, 1, 3) ~= 'kv{' or not close or (rest ~= '' and rest ~= ':v') then
     fault('a key outside kelvane names: ' .. key)
   elseif rest == '' then
-    mains = mains + 1
     local t = redis.call('TYPE', key)['ok']
     if t ~= 'zset' and t ~= 'set' then fault('main key ' .. key .. ' is a ' .. t) end
   else
-    hashes = hashes + 1
     local main = string.sub(key, 1, close)
     local t, mt = redis.call('TYPE', key)['ok'], redis.call('TYPE', main)['ok']
     if t ~= 'hash' or mt ~= 'zset' then
@@ -106,7 +104,7 @@ for _, key in ipairs(redis.call('KEYS', '*')) do
     end
   end
 end
-return { mains, hashes, faults })";
+return faults)";
 
 }  // namespace
 
@@ -182,25 +180,22 @@ std::string show(const RangeResult& r, int32_t flags) {
     return out;
 }
 
-LayoutReport check_layout(int port) {
-    LayoutReport report;
+std::vector<std::string> check_layout(int port) {
+    std::vector<std::string> faults;
     redisContext* c = redisConnect("127.0.0.1", port);
     auto* r = c != nullptr && c->err == 0 ? static_cast<redisReply*>(redisCommand(c, "EVAL %s 0", kLayoutScript))
                                           : nullptr;
-    if (r == nullptr || r->type != REDIS_REPLY_ARRAY || r->elements != 3) {
-        report.faults.push_back("the layout script did not run" +
-                                (r != nullptr && r->type == REDIS_REPLY_ERROR ? ": " + std::string(r->str) : ""));
+    if (r == nullptr || r->type != REDIS_REPLY_ARRAY) {
+        faults.push_back("the layout script did not run" +
+                         (r != nullptr && r->type == REDIS_REPLY_ERROR ? ": " + std::string(r->str) : ""));
     } else {
-        report.main_keys = r->element[0]->integer;
-        report.value_hashes = r->element[1]->integer;
-        for (size_t i = 0; i < r->element[2]->elements; ++i) {
-            const redisReply* f = r->element[2]->element[i];
-            report.faults.push_back(escaped(std::string(f->str, f->len), 400));
+        for (size_t i = 0; i < r->elements; ++i) {
+            faults.push_back(escaped(std::string(r->element[i]->str, r->element[i]->len), 400));
         }
     }
     if (r != nullptr) freeReplyObject(r);
     if (c != nullptr) redisFree(c);
-    return report;
+    return faults;
 }
 
 }  // namespace kelvane_model

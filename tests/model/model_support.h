@@ -81,12 +81,8 @@ std::string show(const RangeResult& r, int32_t flags);
 
 // The server's own view, checked against docs/data-layout.md in one script, so that nothing expires while it
 // looks: every key is a main key kv{E} (a sorted or plain set) or its values hash kv{E}:v, and a values hash
-// belongs to a sorted set, names only its members and expires in the same millisecond.
-struct LayoutReport {
-    std::vector<std::string> faults;
-    long long main_keys = 0, value_hashes = 0;
-};
-LayoutReport check_layout(int port);
+// belongs to a sorted set, names only its members and expires in the same millisecond. Returns the faults.
+std::vector<std::string> check_layout(int port);
 
 }  // namespace kelvane_model
 
