@@ -70,8 +70,6 @@ std::string out(const A&... a) {
 }
 bool landed(int32_t status) { return status == KV_SUCCESS || status == KV_ALREADY_EXISTS; }
 
-char junk[8] = "junk";  // where pointer out-parameters point before a call
-
 class ModelRun {
 public:
     ModelRun(int port, uint64_t seed) : port_(port), seed_(seed), rng_(seed) {
@@ -239,16 +237,7 @@ private:
         after_ms_ = now_ms() + 1;
         return status;
     }
-    // A value handed out (released here): none, or its bytes, marked when it was left unwritten, has a length
-    // without bytes, or lacks the zero byte past its length.
-    Text take(char* value, size_t len) {
-        if (value == junk) return "(unwritten)";
-        if (value == nullptr) return len == 0 ? Text() : "(null of length " + std::to_string(len) + ")";
-        std::string bytes(value, len);
-        if (value[len] != '\0') bytes += "(unterminated)";
-        mm_.get()->release(value);
-        return bytes;
-    }
+    Text take(char* value, size_t len) { return kelvane_model::take(mm_.get(), value, len); }
 
     // ---- writes ----
     // kv_zadd, kv_zaddval, kv_zmadd and kv_zmaddval: an existing member keeps its value unless one is given.

@@ -145,8 +145,7 @@ private:
             size_t len = 0;
             const int32_t status =
                 kv_zscore(client_, a.key.data(), a.key.size(), a.member.data(), a.member.size(), &sc, &value, &len);
-            const Text got = value ? Text(std::string(value, len)) : std::nullopt;
-            mm_.get()->release(value);
+            const Text got = take(mm_.get(), value, len);
             if (allow(status, {KV_SUCCESS, KV_NOTFOUND, KV_NO_SET_KEY}, "kv_zscore")) {
                 if (status != KV_SUCCESS || !(sc == a.score) || got != a.value) {
                     throw std::runtime_error("acknowledged member " + quote(a.member) + " in " + quote(a.key) +

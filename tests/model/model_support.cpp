@@ -22,9 +22,7 @@ std::string escaped(const std::string& bytes, size_t shown) {
     return out;
 }
 
-// Where the out-parameters point before the call: the library must write every one, whatever the status.
-alignas(16) char junk_storage[64];
-void* const kJunk = junk_storage;
+void* const kJunk = junk;
 
 struct Outs {
     void** m = static_cast<void**>(kJunk);
@@ -64,19 +62,6 @@ int32_t call_range(kv_client* c, const std::string& key, const RangeQuery& q, Ou
     }, q, o);
 }
 
-// An item's bytes, released; a fault when it is null or lacks the zero byte past its length.
-std::string take_item(kv_mm* mm, void* item, size_t len, std::string& fault) {
-    if (item == nullptr) {
-        if (fault.empty()) fault = "a member is a null pointer";
-        return "";
-    }
-    const char* p = static_cast<const char*>(item);
-    if (p[len] != '\0' && fault.empty()) fault = "an item has no zero byte past its length";
-    std::string bytes(p, len);
-    mm->release(item);
-    return bytes;
-}
-
 const char* const kLayoutScript = R"(
 local faults = {}
 local function fault(text) faults[#faults + 1] = text end
@@ -107,6 +92,18 @@ end
 return faults)";
 
 }  // namespace
+
+alignas(16) char junk[64] = "junk";
+
+std::optional<std::string> take(kv_mm* mm, void* item, size_t len) {
+    if (item == junk) return "(unwritten)";
+    if (item == nullptr) return len == 0 ? std::nullopt : std::optional("(null of length " + std::to_string(len) + ")");
+    const char* p = static_cast<const char*>(item);
+    std::string bytes(p, len);
+    if (p[len] != '\0') bytes += "(unterminated)";
+    mm->release(item);
+    return bytes;
+}
 
 std::string quote(const std::string& bytes) { return escaped(bytes, 40); }
 
@@ -141,10 +138,9 @@ RangeResult read_range(kv_client* client, kv_mm* mm, const std::string& key, con
     }
     if (!r.fault.empty()) return r;  // nothing safe to read or release
     for (size_t k = 0; k < o.n; ++k) {
-        r.members.push_back(take_item(mm, o.m[k], o.ml[k], r.fault));
+        r.members.push_back(take(mm, o.m[k], o.ml[k]).value_or("(null)"));
         if (scores) r.scores.push_back(o.s[k]);
-        if (values && o.v[k] == nullptr && o.vl[k] != 0 && r.fault.empty()) r.fault = "a missing value has a length";
-        if (values) r.values.push_back(o.v[k] ? std::optional(take_item(mm, o.v[k], o.vl[k], r.fault)) : std::nullopt);
+        if (values) r.values.push_back(take(mm, o.v[k], o.vl[k]));
     }
     mm->release(o.m);
     mm->release(o.ml);

@@ -21,6 +21,12 @@ std::string quote(const std::optional<std::string>& bytes);
 // The shortest text that reads back as the same double.
 std::string score_text(double score);
 
+// Where pointer out-parameters point before a call: the library must write every one, whatever the status.
+extern char junk[64];
+// A buffer handed out, released: none, or its bytes, marked when it was left unwritten (junk), is null with a
+// length, or lacks the zero byte past its length.
+std::optional<std::string> take(kv_mm* mm, void* item, size_t len);
+
 // live() is what the library believes is handed out; blocks() is what really is, the manager's own memory
 // included, so it must be 0 after kv_mm_destroy: a buffer freed behind the manager's back, or never, shows there.
 class CountingManager {
@@ -68,8 +74,7 @@ struct RangeResult {
     std::vector<std::string> members;
     std::vector<double> scores;                      // when asked for
     std::vector<std::optional<std::string>> values;  // when asked for
-    // What was wrong with the shape of the result (out-parameters unwritten, arrays on an empty result, an item
-    // without a zero byte past its length), or empty.
+    // What was wrong with the shape of the result (arrays unwritten, or set on an empty result), or empty.
     std::string fault;
 };
 
