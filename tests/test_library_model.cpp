@@ -245,23 +245,21 @@ private:
         const std::string k = key();
         const bool batch = chance(0.4), with_values = chance(0.5);
         const size_t n = batch ? 1 + below(4) : 1;
-        std::vector<std::string> names, values;
-        std::vector<double> scores;
-        std::vector<const char*> np, vp;
-        std::vector<size_t> nl, vl;
+        std::vector<std::string> names(n), values(n);
+        std::vector<double> scores(n);
+        std::vector<const char*> np(n), vp(n);
+        std::vector<size_t> nl(n), vl(n);
         std::string what = std::string(batch ? "kv_zmadd" : "kv_zadd") + (with_values ? "val(" : "(") + quote(k);
         for (size_t i = 0; i < n; ++i) {
             // Now and then a name given twice in one batch: the last one counts.
-            names.push_back(i > 0 && chance(0.25) ? names[below(i)] : member(k));
-            scores.push_back(score());
-            values.push_back(pick(kValues));
+            names[i] = i > 0 && chance(0.25) ? names[below(i)] : member(k);
+            scores[i] = score();
+            values[i] = pick(kValues);
+            np[i] = names[i].data();
+            nl[i] = names[i].size();
+            vp[i] = values[i].data();
+            vl[i] = values[i].size();
             what += ", " + quote(names[i]) + "@" + item(scores[i]) + (with_values ? "=" + quote(values[i]) : "");
-        }
-        for (size_t i = 0; i < n; ++i) {
-            np.push_back(names[i].data());
-            nl.push_back(names[i].size());
-            vp.push_back(values[i].data());
-            vl.push_back(values[i].size());
         }
         const int32_t t = ttl(), want = refused_ttl(t, insertion(find(k), names));
         begin(what + ", ttl " + std::to_string(t) + ")");
