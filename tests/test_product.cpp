@@ -23,10 +23,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-#if !defined(KELVANE_SOURCE_DIR) || !defined(KELVANE_BUILD_DIR) || !defined(KELVANE_INSTALL_LIBDIR)
-#error "the build must define KELVANE_SOURCE_DIR, KELVANE_BUILD_DIR and the install directories"
-#endif
-
 bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 // ---- The run script ------------------------------------------------------------

@@ -20,10 +20,6 @@
 namespace kelvane_test {
 namespace {
 
-#ifndef KELVANE_ZSET_REPORT
-#error "the build must define KELVANE_ZSET_REPORT"
-#endif
-
 struct ReportRun {
     CommandResult run;  // zset-report's exit status, listing (out) and messages (err)
     JunitDocument junit;
