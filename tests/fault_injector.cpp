@@ -268,20 +268,16 @@ extern "C" int32_t kv_zscore(kv_client* client, const char* key, size_t key_len,
 
 extern "C" int32_t kv_zrank(kv_client* client, const char* key, size_t key_len, const char* member,
                             size_t member_len, uint32_t* rank, int32_t flags, ...) {
-    char** value = nullptr;
-    size_t* value_len = nullptr;
-    if (!(flags & ZSET_WITH_LIMIT) && (flags & ZSET_WITH_VALUES)) {  // as the library reads them
-        va_list ap;
-        va_start(ap, flags);
-        value = va_arg(ap, char**), value_len = va_arg(ap, size_t*);
-        va_end(ap);
-    }
+    va_list ap;
+    va_start(ap, flags);
+    char** value = flags & ZSET_WITH_VALUES ? va_arg(ap, char**) : nullptr;
+    size_t* value_len = value ? va_arg(ap, size_t*) : nullptr;
+    va_end(ap);
     if (is("zrank_reverse_ignored")) flags &= ~ZSET_REVERSE;
     if (is("zrank_limit_accepted")) flags &= ~ZSET_WITH_LIMIT;
-    if (value == nullptr) flags &= ~ZSET_WITH_VALUES;
     const uint32_t before = *rank;
-    int32_t status = value ? CALL(kv_zrank, client, key, key_len, member, member_len, rank, flags, value, value_len)
-                           : CALL(kv_zrank, client, key, key_len, member, member_len, rank, flags);
+    // The value arguments go along even when unused: the library reads only what its flags ask for.
+    const int32_t status = CALL(kv_zrank, client, key, key_len, member, member_len, rank, flags, value, value_len);
     if (status != KV_SUCCESS && is("zrank_rank_unwritten")) *rank = before;
     return turn("zrank_noset_as_notfound", status, KV_NO_SET_KEY, KV_NOTFOUND);
 }
