@@ -29,10 +29,8 @@ void* next_symbol(const char* name) {
 }
 // The library's own function of the same name.
 #define REAL(fn) (reinterpret_cast<decltype(&fn)>(next_symbol(#fn)))
-// Every wrapped call starts here; KELVANE_FAULT=slow adds 5 ms so that tests can act in the middle of a run.
-#define ENTER(fn)                      \
-    static const auto real = REAL(fn); \
-    if (is("slow")) usleep(5000)
+// A call into the library; KELVANE_FAULT=slow adds 5 ms to each, so that tests can act in the middle of a run.
+#define CALL(fn, ...) (is("slow") && usleep(5000), REAL(fn)(__VA_ARGS__))
 
 kv_mm* g_mm = nullptr;            // the memory manager of the client zset created
 void* volatile g_kept = nullptr;  // leak_one: a buffer held here, never released
@@ -150,13 +148,15 @@ int32_t range(Range r, int32_t flags, Call call) {
     return turn("range_absent_key_success", status, KV_NOTFOUND, KV_SUCCESS);
 }
 
-// The body of a range read: its optional arguments decoded, then the call made under the current fault.
-#define RANGE_READ(...)                                                      \
-    va_list ap;                                                              \
-    va_start(ap, flags);                                                     \
-    const Range r = decode(ap, flags, members, count, members_len);         \
-    va_end(ap);                                                              \
-    return range(r, flags, [&](int32_t f, const Range& x) { return forward(real, x, f, __VA_ARGS__); })
+// The body of the range read fn: its optional arguments decoded, then the call made under the current fault.
+#define RANGE_READ(fn, ...)                                                       \
+    va_list ap;                                                                   \
+    va_start(ap, flags);                                                          \
+    const Range r = decode(ap, flags, members, count, members_len);              \
+    va_end(ap);                                                                   \
+    return range(r, flags, [&](int32_t f, const Range& x) {                       \
+        return forward([&](auto... a) { return CALL(fn, a...); }, x, f, __VA_ARGS__); \
+    })
 
 }  // namespace
 
@@ -164,97 +164,85 @@ int32_t range(Range r, int32_t flags, Call call) {
 
 extern "C" kv_client* kv_client_create(int32_t connect_timeout_s, int32_t command_timeout_s, kv_mm* mm,
                                        int32_t connect_attempts) {
-    ENTER(kv_client_create);
     g_mm = mm;
     if (is("leak_one")) g_kept = copy("kept", 4);  // proves the release check below
-    return real(connect_timeout_s, command_timeout_s, mm, connect_attempts);
+    return CALL(kv_client_create, connect_timeout_s, command_timeout_s, mm, connect_attempts);
 }
 
 extern "C" void kv_mm_destroy(kv_mm* mm) {
-    static const auto real = REAL(kv_mm_destroy);
     const size_t live = mm != nullptr ? mm->live_count(mm) : 0;
     if (live != 0) std::fprintf(stderr, "fault_injector: %zu buffers never released\n", live);
-    real(mm);
+    REAL(kv_mm_destroy)(mm);
 }
 
 extern "C" int32_t kv_server_add(kv_client* client, const char* host, uint32_t port, const kv_credentials* cred) {
-    ENTER(kv_server_add);
-    return turn("server_add_status", real(client, host, port, cred), KV_SUCCESS, KV_CONNECT_FAILED);
+    return turn("server_add_status", CALL(kv_server_add, client, host, port, cred), KV_SUCCESS, KV_CONNECT_FAILED);
 }
 
 extern "C" int32_t kv_del(kv_client* client, const char* key, size_t key_len) {
-    ENTER(kv_del);
     uint32_t n;
     if (is("del_keeps_plain_sets") && REAL(kv_zcard)(client, key, key_len, &n) == KV_WRONG_REPLY) return KV_SUCCESS;
-    return real(client, key, key_len);
+    return CALL(kv_del, client, key, key_len);
 }
 
 extern "C" int32_t kv_get_ttl(kv_client* client, const char* key, size_t key_len, int32_t* ttl) {
-    ENTER(kv_get_ttl);
-    int32_t status = real(client, key, key_len, ttl);
+    int32_t status = CALL(kv_get_ttl, client, key, key_len, ttl);
     if (is("get_ttl_off_by_one") && status == KV_SUCCESS && *ttl > 0) --*ttl;
     return status;
 }
 
 extern "C" int32_t kv_sadd(kv_client* client, const char* key, size_t key_len, const char* member,
                            size_t member_len, int32_t ttl) {
-    ENTER(kv_sadd);
-    return turn("sadd_status", real(client, key, key_len, member, member_len, ttl), KV_SUCCESS, KV_ALREADY_EXISTS);
+    const int32_t status = CALL(kv_sadd, client, key, key_len, member, member_len, ttl);
+    return turn("sadd_status", status, KV_SUCCESS, KV_ALREADY_EXISTS);
 }
 
 // ---- Writes ---------------------------------------------------------------
 
 extern "C" int32_t kv_zadd(kv_client* client, const char* key, size_t key_len, double score, const char* member,
                            size_t member_len, int32_t ttl) {
-    ENTER(kv_zadd);
-    return turn("zadd_dup_success", real(client, key, key_len, score, member, member_len, ttl_in(ttl)),
+    return turn("zadd_dup_success", CALL(kv_zadd, client, key, key_len, score, member, member_len, ttl_in(ttl)),
                 KV_ALREADY_EXISTS, KV_SUCCESS);
 }
 
 extern "C" int32_t kv_zaddval(kv_client* client, const char* key, size_t key_len, double score, const char* member,
                               size_t member_len, const char* value, size_t value_len, int32_t ttl) {
-    ENTER(kv_zaddval);
     if (is("zaddval_value_short") && value_len > 0) --value_len;
-    return real(client, key, key_len, score, member, member_len, value, value_len, ttl_in(ttl));
+    return CALL(kv_zaddval, client, key, key_len, score, member, member_len, value, value_len, ttl_in(ttl));
 }
 
 extern "C" int32_t kv_zmadd(kv_client* client, const char* key, size_t key_len, const double* scores,
                             const char* const* members, uint32_t count, const size_t* members_len, int32_t ttl) {
-    ENTER(kv_zmadd);
     if (is("zmadd_drops_last") && count > 1) --count;
-    return real(client, key, key_len, scores, members, count, members_len, ttl_in(ttl));
+    return CALL(kv_zmadd, client, key, key_len, scores, members, count, members_len, ttl_in(ttl));
 }
 
 extern "C" int32_t kv_zmaddval(kv_client* client, const char* key, size_t key_len, const double* scores,
                                const char* const* members, uint32_t count, const size_t* members_len,
                                const char* const* values, const size_t* values_len, int32_t ttl) {
-    ENTER(kv_zmaddval);
-    return turn("zmaddval_dup_success",
-                real(client, key, key_len, scores, members, count, members_len, values, values_len, ttl_in(ttl)),
-                KV_ALREADY_EXISTS, KV_SUCCESS);
+    const int32_t status =
+        CALL(kv_zmaddval, client, key, key_len, scores, members, count, members_len, values, values_len, ttl_in(ttl));
+    return turn("zmaddval_dup_success", status, KV_ALREADY_EXISTS, KV_SUCCESS);
 }
 
 extern "C" int32_t kv_zaddvalmax(kv_client* client, const char* key, size_t key_len, const char* member,
                                  size_t member_len, const char* value, size_t value_len, double increment,
                                  int32_t ttl) {
-    ENTER(kv_zaddvalmax);
     if (is("zaddvalmax_ignores_max")) {  // the increment alone becomes the score
         return REAL(kv_zaddval)(client, key, key_len, increment, member, member_len, value, value_len, ttl_in(ttl));
     }
-    return real(client, key, key_len, member, member_len, value, value_len, increment, ttl_in(ttl));
+    return CALL(kv_zaddvalmax, client, key, key_len, member, member_len, value, value_len, increment, ttl_in(ttl));
 }
 
 extern "C" int32_t kv_zaddmaxinc(kv_client* client, const char* key, size_t key_len, int32_t increment,
                                  int32_t ttl) {
-    ENTER(kv_zaddmaxinc);
-    return turn("zaddmaxinc_dup_success", real(client, key, key_len, increment, ttl_in(ttl)), KV_ALREADY_EXISTS,
-                KV_SUCCESS);
+    const int32_t status = CALL(kv_zaddmaxinc, client, key, key_len, increment, ttl_in(ttl));
+    return turn("zaddmaxinc_dup_success", status, KV_ALREADY_EXISTS, KV_SUCCESS);
 }
 
 extern "C" int32_t kv_zadddis(kv_client* client, const char* key, size_t key_len, double score, const char* member,
                               size_t member_len, double drift, char** kept, int32_t ttl) {
-    ENTER(kv_zadddis);
-    int32_t status = real(client, key, key_len, score, member, member_len, drift, kept, ttl_in(ttl));
+    int32_t status = CALL(kv_zadddis, client, key, key_len, score, member, member_len, drift, kept, ttl_in(ttl));
     if (*kept != nullptr && is("zadddis_wrong_name")) g_mm->release(*kept), *kept = copy(member, member_len);
     if (*kept == nullptr && is("zadddis_spurious_name")) *kept = copy(member, member_len);
     return status;
@@ -262,8 +250,7 @@ extern "C" int32_t kv_zadddis(kv_client* client, const char* key, size_t key_len
 
 extern "C" int32_t kv_zincrby(kv_client* client, const char* key, size_t key_len, const char* member,
                               size_t member_len, double increment, double* new_score, int32_t ttl) {
-    ENTER(kv_zincrby);
-    int32_t status = real(client, key, key_len, member, member_len, increment, new_score, ttl_in(ttl));
+    int32_t status = CALL(kv_zincrby, client, key, key_len, member, member_len, increment, new_score, ttl_in(ttl));
     if (is("zincrby_score_ulp") && status == KV_SUCCESS) *new_score = one_ulp_up(*new_score);
     return turn("zincrby_wrong_kind_success", status, KV_WRONG_REPLY, KV_SUCCESS);
 }
@@ -272,9 +259,8 @@ extern "C" int32_t kv_zincrby(kv_client* client, const char* key, size_t key_len
 
 extern "C" int32_t kv_zscore(kv_client* client, const char* key, size_t key_len, const char* member,
                              size_t member_len, double* score, char** value, size_t* value_len) {
-    ENTER(kv_zscore);
     const double before = *score;
-    int32_t status = real(client, key, key_len, member, member_len, score, value, value_len);
+    int32_t status = CALL(kv_zscore, client, key, key_len, member, member_len, score, value, value_len);
     if (status == KV_SUCCESS && is("zscore_score_ulp")) *score = one_ulp_up(*score);
     if (status != KV_SUCCESS && is("zscore_score_unwritten")) *score = before;
     return turn("zscore_noset_as_notfound", status, KV_NO_SET_KEY, KV_NOTFOUND);
@@ -282,99 +268,85 @@ extern "C" int32_t kv_zscore(kv_client* client, const char* key, size_t key_len,
 
 extern "C" int32_t kv_zrank(kv_client* client, const char* key, size_t key_len, const char* member,
                             size_t member_len, uint32_t* rank, int32_t flags, ...) {
-    ENTER(kv_zrank);
-    char** value = nullptr;
-    size_t* value_len = nullptr;
-    if (!(flags & ZSET_WITH_LIMIT) && (flags & ZSET_WITH_VALUES)) {  // as the library reads them
-        va_list ap;
-        va_start(ap, flags);
-        value = va_arg(ap, char**), value_len = va_arg(ap, size_t*);
-        va_end(ap);
-    }
+    va_list ap;
+    va_start(ap, flags);
+    char** value = flags & ZSET_WITH_VALUES ? va_arg(ap, char**) : nullptr;
+    size_t* value_len = value ? va_arg(ap, size_t*) : nullptr;
+    va_end(ap);
     if (is("zrank_reverse_ignored")) flags &= ~ZSET_REVERSE;
     if (is("zrank_limit_accepted")) flags &= ~ZSET_WITH_LIMIT;
-    if (value == nullptr) flags &= ~ZSET_WITH_VALUES;
     const uint32_t before = *rank;
-    int32_t status = value ? real(client, key, key_len, member, member_len, rank, flags, value, value_len)
-                           : real(client, key, key_len, member, member_len, rank, flags);
+    // The value arguments go along even when unused: the library reads only what its flags ask for.
+    const int32_t status = CALL(kv_zrank, client, key, key_len, member, member_len, rank, flags, value, value_len);
     if (status != KV_SUCCESS && is("zrank_rank_unwritten")) *rank = before;
     return turn("zrank_noset_as_notfound", status, KV_NO_SET_KEY, KV_NOTFOUND);
 }
 
 extern "C" int32_t kv_zcard(kv_client* client, const char* key, size_t key_len, uint32_t* count) {
-    ENTER(kv_zcard);
     const uint32_t before = *count;
-    int32_t status = real(client, key, key_len, count);
+    int32_t status = CALL(kv_zcard, client, key, key_len, count);
     if (is("zcard_count_unwritten") && status != KV_SUCCESS) *count = before;
     return status;
 }
 
 extern "C" int32_t kv_zcount(kv_client* client, const char* key, size_t key_len, double min, double max,
                              uint32_t* count) {
-    ENTER(kv_zcount);
     if (is("zcount_max_exclusive")) max = std::nextafter(max, -INFINITY);
-    return real(client, key, key_len, min, max, count);
+    return CALL(kv_zcount, client, key, key_len, min, max, count);
 }
 
 extern "C" int32_t kv_zrange(kv_client* client, const char* key, size_t key_len, int32_t start, int32_t stop,
                              void*** members, size_t* count, size_t** members_len, int32_t flags, ...) {
-    ENTER(kv_zrange);
-    RANGE_READ(client, key, key_len, start, stop, members, count, members_len);
+    RANGE_READ(kv_zrange, client, key, key_len, start, stop, members, count, members_len);
 }
 
 extern "C" int32_t kv_zrangebyscore(kv_client* client, const char* key, size_t key_len, double min, double max,
                                     void*** members, size_t* count, size_t** members_len, int32_t flags, ...) {
-    ENTER(kv_zrangebyscore);
-    RANGE_READ(client, key, key_len, min, max, members, count, members_len);
+    RANGE_READ(kv_zrangebyscore, client, key, key_len, min, max, members, count, members_len);
 }
 
 // range_suffix_dropped: the _whole reads get an empty suffix.
 extern "C" int32_t kv_zrange_whole(kv_client* client, const char* key, size_t key_len, int32_t start, int32_t stop,
                                    void*** members, size_t* count, size_t** members_len, const char* suffix,
                                    size_t suffix_len, int32_t flags, ...) {
-    ENTER(kv_zrange_whole);
     if (is("range_suffix_dropped")) suffix_len = 0;
-    RANGE_READ(client, key, key_len, start, stop, members, count, members_len, suffix, suffix_len);
+    RANGE_READ(kv_zrange_whole, client, key, key_len, start, stop, members, count, members_len, suffix, suffix_len);
 }
 
 extern "C" int32_t kv_zrangebyscore_whole(kv_client* client, const char* key, size_t key_len, double min,
                                           double max, void*** members, size_t* count, size_t** members_len,
                                           const char* suffix, size_t suffix_len, int32_t flags, ...) {
-    ENTER(kv_zrangebyscore_whole);
     if (is("range_suffix_dropped")) suffix_len = 0;
-    RANGE_READ(client, key, key_len, min, max, members, count, members_len, suffix, suffix_len);
+    RANGE_READ(kv_zrangebyscore_whole, client, key, key_len, min, max, members, count, members_len, suffix,
+               suffix_len);
 }
 
 extern "C" char* voidtostring(const void* item, size_t len, kv_mm* mm) {
-    ENTER(voidtostring);
-    return is("voidtostring_null") ? nullptr : real(item, len, mm);
+    return is("voidtostring_null") ? nullptr : CALL(voidtostring, item, len, mm);
 }
 
 // ---- Removals -------------------------------------------------------------
 
 extern "C" int32_t kv_zrem(kv_client* client, const char* key, size_t key_len, const char* member,
                            size_t member_len) {
-    ENTER(kv_zrem);
-    return turn("zrem_notfound_success", real(client, key, key_len, member, member_len), KV_NOTFOUND, KV_SUCCESS);
+    const int32_t status = CALL(kv_zrem, client, key, key_len, member, member_len);
+    return turn("zrem_notfound_success", status, KV_NOTFOUND, KV_SUCCESS);
 }
 
 extern "C" int32_t kv_zmrem(kv_client* client, const char* key, size_t key_len, const char* const* members,
                             uint32_t count, const size_t* members_len, uint32_t* removed) {
-    ENTER(kv_zmrem);
-    return turn("zmrem_notfound_success", real(client, key, key_len, members, count, members_len, removed),
+    return turn("zmrem_notfound_success", CALL(kv_zmrem, client, key, key_len, members, count, members_len, removed),
                 KV_NOTFOUND, KV_SUCCESS);
 }
 
 extern "C" int32_t kv_zremrangebyscore(kv_client* client, const char* key, size_t key_len, double min, double max,
                                        uint32_t* removed) {
-    ENTER(kv_zremrangebyscore);
     if (is("zremrangebyscore_max_exclusive")) max = std::nextafter(max, -INFINITY);
-    return real(client, key, key_len, min, max, removed);
+    return CALL(kv_zremrangebyscore, client, key, key_len, min, max, removed);
 }
 
 extern "C" int32_t kv_zremrangebyrank(kv_client* client, const char* key, size_t key_len, int32_t start,
                                       int32_t stop, uint32_t* removed) {
-    ENTER(kv_zremrangebyrank);
     if (is("zremrangebyrank_stop_exclusive") && stop != 0) --stop;
-    return real(client, key, key_len, start, stop, removed);
+    return CALL(kv_zremrangebyrank, client, key, key_len, start, stop, removed);
 }

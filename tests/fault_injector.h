@@ -14,14 +14,6 @@
 
 namespace kelvane_test {
 
-#ifndef KELVANE_FAULT_INJECTOR
-#error "the build must define KELVANE_FAULT_INJECTOR"
-#endif
-// In a sanitizer build its runtime must come first in the preload list; the build passes its path (else empty).
-#ifndef KELVANE_PRELOAD_FIRST
-#define KELVANE_PRELOAD_FIRST ""
-#endif
-
 constexpr int kZsetPort = 12345;
 constexpr int kCases = 68;
 
@@ -46,7 +38,9 @@ inline std::string summary_line(int passed, int failed) {
            ", FAILED = " + std::to_string(failed) + " " + std::string(41, '=');
 }
 
-// The environment that runs zset over the injector with the given fault ("" for none: only the release check).
+// The environment that runs zset over the injector with the given fault ("" for none: only the release check). In
+// a sanitizer build its runtime must come first in the preload list: the build passes its path in
+// KELVANE_PRELOAD_FIRST (else "").
 inline std::vector<std::string> injector_env(const std::string& fault) {
     std::string preload = KELVANE_PRELOAD_FIRST;
     if (!preload.empty()) preload += ":";

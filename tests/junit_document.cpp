@@ -1,26 +1,17 @@
-// junit_document.cpp -- walking the libxml2 tree of a JUnit report. Parse errors are collected as text, so a
-// test can show why a report is not XML.
+// junit_document.cpp -- walking the libxml2 tree of a JUnit report. A parse error is kept as text, so that a test
+// can show why a report is not XML.
 #include "junit_document.h"
 
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 
-#include <cstdarg>
-#include <cstdio>
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <memory>
 
 namespace kelvane_test {
 namespace {
-
-void collect_error(void* context, const char* format, ...) {
-    char buf[1024];
-    va_list ap;
-    va_start(ap, format);
-    std::vsnprintf(buf, sizeof buf, format, ap);
-    va_end(ap);
-    *static_cast<std::string*>(context) += buf;
-}
 
 bool is(const xmlNode* node, const char* name) {
     return node->type == XML_ELEMENT_NODE && std::strcmp(reinterpret_cast<const char*>(node->name), name) == 0;
@@ -44,13 +35,19 @@ int count(const xmlNode* node, const char* name) {
 
 JunitDocument read_junit(const std::string& xml) {
     JunitDocument doc;
-    xmlSetGenericErrorFunc(&doc.parse_error, collect_error);
+    xmlResetLastError();
     std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> tree(
-        xmlReadMemory(xml.data(), static_cast<int>(xml.size()), "junit.xml", nullptr, XML_PARSE_NONET), &xmlFreeDoc);
-    xmlSetGenericErrorFunc(nullptr, nullptr);
+        xmlReadMemory(xml.data(), static_cast<int>(xml.size()), "junit.xml", nullptr,
+                      XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING),
+        &xmlFreeDoc);
+    const xmlError* error = xmlGetLastError();
+    if (error != nullptr && error->code != XML_ERR_OK) {
+        doc.parse_error = error->message ? error->message : "not XML";
+        return doc;
+    }
     const xmlNode* root = tree ? xmlDocGetRootElement(tree.get()) : nullptr;
     if (root == nullptr || !is(root, "testsuites")) {
-        if (doc.parse_error.empty()) doc.parse_error = "no <testsuites> root element";
+        doc.parse_error = "no <testsuites> root element";
         return doc;
     }
     doc.tests = count(root, "tests"), doc.failures = count(root, "failures"), doc.errors = count(root, "errors");
@@ -76,14 +73,12 @@ JunitDocument read_junit(const std::string& xml) {
 }
 
 bool JunitDocument::counts_agree() const {
-    // The counts of the whole document and of each suite (named "" for the whole).
+    // The whole document's counts, then each suite's (the whole named "").
     auto agree = [&](const std::string& suite, int t, int f, int e) {
-        int tests = 0, failures = 0, errors = 0;
         for (const auto& c : cases) {
-            if (!suite.empty() && c.suite != suite) continue;
-            ++tests, failures += c.kind == "failure", errors += c.kind == "error";
+            if (suite.empty() || c.suite == suite) --t, f -= c.kind == "failure", e -= c.kind == "error";
         }
-        return t == tests && f == failures && e == errors;
+        return t == 0 && f == 0 && e == 0;
     };
     bool ok = agree("", tests, failures, errors);
     for (const auto& s : suites) ok = ok && agree(s.name, s.tests, s.failures, s.errors);
@@ -92,9 +87,7 @@ bool JunitDocument::counts_agree() const {
 
 std::vector<JunitCase> JunitDocument::of_kind(const std::string& kind) const {
     std::vector<JunitCase> out;
-    for (const auto& c : cases) {
-        if (c.kind == kind) out.push_back(c);
-    }
+    std::copy_if(cases.begin(), cases.end(), std::back_inserter(out), [&](auto& c) { return c.kind == kind; });
     return out;
 }
 

@@ -16,19 +16,16 @@ bool g_private = false;
 
 bool enter_private_network() {
     if (g_private) return true;
-    if (unshare(CLONE_NEWNET) != 0) return false;
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    const int fd = unshare(CLONE_NEWNET) == 0 ? socket(AF_INET, SOCK_DGRAM, 0) : -1;
     if (fd < 0) return false;
     ifreq ifr{};
     std::strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
-    bool up = ioctl(fd, SIOCGIFFLAGS, &ifr) == 0;
-    if (up) {
+    if (ioctl(fd, SIOCGIFFLAGS, &ifr) == 0) {
         ifr.ifr_flags = static_cast<short>(ifr.ifr_flags | IFF_UP | IFF_RUNNING);
-        up = ioctl(fd, SIOCSIFFLAGS, &ifr) == 0;
+        g_private = ioctl(fd, SIOCSIFFLAGS, &ifr) == 0;
     }
     close(fd);
-    g_private = up;
-    return up;
+    return g_private;
 }
 
 bool in_private_network() { return g_private; }

@@ -1,5 +1,5 @@
-// test_main.cpp -- main() of every test binary: each test process gets a
-// network of its own before any test starts a server.
+// test_main.cpp -- main() of every test binary: each test process gets a network of its own before any test starts
+// a server.
 #include <gtest/gtest.h>
 
 #include "private_network.h"

@@ -5,10 +5,6 @@
 
 namespace kelvane_test {
 
-#ifndef KELVANE_ZSET_PATH
-#error "the build must define KELVANE_ZSET_PATH"
-#endif
-
 ZsetRun run_zset(const ZsetRunOptions& options) {
     std::vector<std::string> argv = options.wrapper;
     argv.push_back(KELVANE_ZSET_PATH);
