@@ -92,15 +92,15 @@ protected:
         return kv_zaddval(client_, key.data(), key.size(), score, member.data(), member.size(), value.data(),
                           value.size(), ttl);
     }
-    // The key's time-to-live, -1 when kv_get_ttl fails.
-    int32_t ttl(const std::string& key) {
+    // The key's time-to-live through c (the fixture's client by default), -1 when kv_get_ttl fails.
+    int32_t ttl(const std::string& key, kv_client* c = nullptr) {
         int32_t t = -1;
-        EXPECT_EQ(kv_get_ttl(client_, key.data(), key.size(), &t), KV_SUCCESS) << key;
+        EXPECT_EQ(kv_get_ttl(c ? c : client_, key.data(), key.size(), &t), KV_SUCCESS) << key;
         return t;
     }
     // True when the key has t seconds left, the one that may have begun to run included.
-    bool ttl_is(const std::string& key, int32_t t) {
-        const int32_t got = ttl(key);
+    bool ttl_is(const std::string& key, int32_t t, kv_client* c = nullptr) {
+        const int32_t got = ttl(key, c);
         return got == t || got == t - 1;
     }
 
