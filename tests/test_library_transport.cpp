@@ -175,10 +175,10 @@ TEST_F(Transport, FrozenServerTimesOutAndIsServedAgainOnceThawed) {
     uint32_t n = 9;
     EXPECT_EQ(within(3.0, [&] { return kv_zcard(quick, "k", 1, &n); }), KV_TIMEOUT);
     kv_client* late = nullptr;
-    const int32_t added = within(3.0, [&] {
-        int32_t status = -1;
-        late = another(server_->port(), &status, nullptr, 1, 1, 1);
-        return status;
+    int32_t added = -1;
+    within(3.0, [&] {
+        late = another(server_->port(), &added, nullptr, 1, 1, 1);
+        return added;
     });
     EXPECT_TRUE(transport_failure(added)) << added;
     EXPECT_TRUE(transport_failure(within(3.0, [&] { return kv_zcard(late, "k", 1, &n); })));
@@ -206,10 +206,10 @@ TEST_F(Transport, TrickledRepliesEndEachCallWithinItsOneDeadline) {
 
     // The handshake's answer trickles too.
     kv_client* late = nullptr;
-    const int32_t added = within(kBound, [&] {
-        int32_t status = -1;
-        late = another(relay.port(), &status);
-        return status;
+    int32_t added = -1;
+    within(kBound, [&] {
+        late = another(relay.port(), &added);
+        return added;
     });
     EXPECT_TRUE(transport_failure(added)) << added;
     relay.trickle(false);
