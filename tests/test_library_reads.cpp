@@ -12,10 +12,12 @@ TEST_F(Reads, EveryResultBufferIsCountedAndTheByteLimitHolds) {
     ASSERT_EQ(zaddval("acc", 1, "a", "va"), KV_SUCCESS);
     ASSERT_EQ(zadd("acc", 2, "b"), KV_SUCCESS);
     ASSERT_EQ(zaddval("acc", 3, "c", "vc"), KV_SUCCESS);
-    RangeOut o;
-    ASSERT_EQ(kv_zrange(client_, "acc", 3, 0, -1, &o.m, &o.n, &o.ml, kAll, &o.s, &o.v, &o.vl), KV_SUCCESS);
-    EXPECT_EQ(mm_->live_count(mm_), 10u);  // three members, two values, five arrays
-    take(KV_SUCCESS, o);
+    const Range r = read([&](RangeOut& o) {
+        const int32_t status = kv_zrange(client_, "acc", 3, 0, -1, &o.m, &o.n, &o.ml, kAll, &o.s, &o.v, &o.vl);
+        EXPECT_EQ(mm_->live_count(mm_), 10u);  // three members, two values, five arrays
+        return status;
+    });
+    EXPECT_EQ(r.status, KV_SUCCESS);
 
     // Under a byte limit a large read fails whole and leaves nothing behind.
     kv_mm* small = kv_mm_create(nullptr, nullptr, nullptr, 4096);
