@@ -60,9 +60,7 @@ protected:
         EXPECT_EQ(kv_zrank(c, "acl", 3, "b", 1, &n, ZSET_REVERSE), KV_SUCCESS);
         EXPECT_EQ(kv_zcard(c, "acl", 3, &n), KV_SUCCESS);
         EXPECT_EQ(kv_zcount(c, "acl", 3, 1, 2, &n), KV_SUCCESS);
-        const Range all = range("acl", 0, -1, c);
-        EXPECT_EQ(all.members, (Strings{"a", "b", "c", "d", "e", "f", "g", "8"}));
-        EXPECT_EQ(all.values, (Values{std::nullopt, "vb", std::nullopt, std::nullopt, "ve", "vf", "vg", std::nullopt}));
+        EXPECT_EQ(range("acl", 0, -1, c).members, (Strings{"a", "b", "c", "d", "e", "f", "g", "8"}));
 
         EXPECT_EQ(kv_zrem(c, "acl", 3, "a", 1), KV_SUCCESS);
         EXPECT_EQ(kv_zmrem(c, "acl", 3, c_d, 2, ones, &n), KV_SUCCESS);
