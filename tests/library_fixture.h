@@ -92,15 +92,15 @@ protected:
         return kv_zaddval(client_, key.data(), key.size(), score, member.data(), member.size(), value.data(),
                           value.size(), ttl);
     }
-    // The key's time-to-live, -1 when kv_get_ttl fails.
-    int32_t ttl(const std::string& key) {
+    // The key's time-to-live through c (the fixture's client by default), -1 when kv_get_ttl fails.
+    int32_t ttl(const std::string& key, kv_client* c = nullptr) {
         int32_t t = -1;
-        EXPECT_EQ(kv_get_ttl(client_, key.data(), key.size(), &t), KV_SUCCESS) << key;
+        EXPECT_EQ(kv_get_ttl(c ? c : client_, key.data(), key.size(), &t), KV_SUCCESS) << key;
         return t;
     }
     // True when the key has t seconds left, the one that may have begun to run included.
-    bool ttl_is(const std::string& key, int32_t t) {
-        const int32_t got = ttl(key);
+    bool ttl_is(const std::string& key, int32_t t, kv_client* c = nullptr) {
+        const int32_t got = ttl(key, c);
         return got == t || got == t - 1;
     }
 
@@ -115,12 +115,15 @@ protected:
         return status;
     }
 
-    // Takes a range result apart, checks its shape and releases every buffer.
-    Range take(int32_t status, const RangeOut& o) {
+    // A range read with every out-parameter: call(out) makes it and returns its status. The result is taken apart,
+    // its shape checked and every buffer released.
+    template <class Call>
+    Range read(Call call) {
+        RangeOut o;
         Range r;
-        r.status = status;
-        if (status != KV_SUCCESS || o.n == 0) {
-            EXPECT_TRUE(o.n == 0 && !o.m && !o.ml && !o.s && !o.v && !o.vl) << "status " << status;
+        r.status = call(o);
+        if (r.status != KV_SUCCESS || o.n == 0) {
+            EXPECT_TRUE(o.n == 0 && !o.m && !o.ml && !o.s && !o.v && !o.vl) << "status " << r.status;
             return r;
         }
         for (size_t k = 0; k < o.n; ++k) {
@@ -134,13 +137,6 @@ protected:
         }
         for (void* array : std::initializer_list<void*>{o.m, o.ml, o.s, o.v, o.vl}) mm_->release(array);
         return r;
-    }
-    // A range read with every out-parameter: call(out) makes it and returns its status.
-    template <class Call>
-    Range read(Call call) {
-        RangeOut o;
-        const int32_t status = call(o);
-        return take(status, o);
     }
     // kv_zrange with scores and values, through c (the fixture's client by default).
     Range range(const std::string& key, int32_t start, int32_t stop, kv_client* c = nullptr) {
