@@ -253,9 +253,14 @@ TEST(Install, DebianPackagesCarryOneComponentEach) {
     EXPECT_NE(field(zset_deb, "Depends").find("libkelvane1 (= 1.0.0-1)"), std::string::npos);
     EXPECT_EQ(contents(zset_deb), "./usr/bin/zset\n./usr/bin/zset-report\n");
 
-    // Unpacked side by side, the packaged zset finds the packaged library.
+    // Installed by dpkg into a scratch root with a database of its own (whose dependencies it cannot see), the
+    // packaged zset finds the packaged library.
     const std::string root = tmp / "root";
-    ok("for d in " + quoted(tmp.path()) + "/*.deb; do dpkg-deb -x \"$d\" " + quoted(root) + "; done");
+    ok("mkdir -p " + quoted(root + "/var/lib/dpkg/info") + " && touch " + quoted(root + "/var/lib/dpkg/status") +
+       " && dpkg --root=" + quoted(root) + " --force-depends --force-script-chrootless -i " + quoted(tmp.path()) +
+       "/*.deb >/dev/null");
+    EXPECT_EQ(ok("dpkg-query --root=" + quoted(root) + " -W -f='${Package} ${Status}\\n' | sort"),
+              "libkelvane-dev install ok installed\nlibkelvane1 install ok installed\nzset install ok installed\n");
     EXPECT_EQ(loaded_library(root + "/usr/bin/zset"), root + "/usr/bin/../lib/libkelvane.so.1");
 }
 
