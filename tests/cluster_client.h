@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <initializer_list>
 #include <map>
 #include <optional>
 #include <stdexcept>
@@ -17,12 +18,15 @@ namespace kelvane_test {
 
 using Clock = std::chrono::steady_clock;
 
+inline double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
+
+// Waits as zset's client does: 1 s to connect, 2 attempts, 2 s for a reply.
 class KvClient {
 public:
-    KvClient(int32_t connect_timeout_s = 1, int32_t command_timeout_s = 2, int32_t connect_attempts = 2)
-        : bound_s_(connect_attempts * connect_timeout_s + command_timeout_s),
-          mm_(kv_mm_create(nullptr, nullptr, nullptr, 0)),
-          client_(kv_client_create(connect_timeout_s, command_timeout_s, mm_, connect_attempts)) {
+    // The most any one call may take: connect attempts x connect timeout + command timeout.
+    static constexpr double kCallBound_s = 2 * 1 + 2;
+
+    KvClient() : mm_(kv_mm_create(nullptr, nullptr, nullptr, 0)), client_(kv_client_create(1, 2, mm_, 2)) {
         if (mm_ == nullptr || client_ == nullptr) throw std::runtime_error("cannot create a kelvane client");
     }
     ~KvClient() {
@@ -34,8 +38,6 @@ public:
     KvClient& operator=(const KvClient&) = delete;
 
     int32_t add_seed(int port) { return kv_server_add(client_, "127.0.0.1", static_cast<uint32_t>(port), nullptr); }
-    // The most any one call may take: connect attempts x connect timeout + command timeout.
-    double call_bound_s() const { return bound_s_; }
 
     int32_t zaddval(const std::string& key, double score, const std::string& member, const std::string& value) {
         return kv_zaddval(client_, key.data(), key.size(), score, member.data(), member.size(), value.data(),
@@ -69,24 +71,20 @@ public:
         double* scores = nullptr;
         out.status = kv_zrange(client_, key.data(), key.size(), 0, -1, &members, &count, &members_len,
                                ZSET_WITH_SCORES | ZSET_WITH_VALUES, &scores, &values, &values_len);
-        for (size_t k = 0; k < count && members != nullptr; ++k) {
+        for (size_t k = 0; k < count; ++k) {
             auto& item = out.items[std::string(static_cast<char*>(members[k]), members_len[k])];
-            item.first = scores ? scores[k] : 0;
-            if (values != nullptr && values[k] != nullptr) {
-                item.second.emplace(static_cast<char*>(values[k]), values_len[k]);
-            }
+            item.first = scores[k];
+            if (values[k] != nullptr) item.second.emplace(static_cast<char*>(values[k]), values_len[k]);
             mm_->release(members[k]);
-            if (values != nullptr) mm_->release(values[k]);
+            mm_->release(values[k]);
         }
-        for (void* array : {static_cast<void*>(members), static_cast<void*>(members_len), static_cast<void*>(scores),
-                            static_cast<void*>(values), static_cast<void*>(values_len)}) {
+        for (void* array : std::initializer_list<void*>{members, members_len, scores, values, values_len}) {
             mm_->release(array);
         }
         return out;
     }
 
 private:
-    double bound_s_;
     kv_mm* mm_;
     kv_client* client_;
 };

@@ -16,9 +16,7 @@ namespace kelvane_test {
 using Argv = std::vector<std::string>;
 
 // One slot on its way from one master to another (ports).
-struct Migration {
-    int slot, source, target;
-};
+struct Migration { int slot, source, target; };
 
 class RedisCluster {
 public:
@@ -31,18 +29,14 @@ public:
     RedisCluster(const RedisCluster&) = delete;
     RedisCluster& operator=(const RedisCluster&) = delete;
 
-    // The running nodes.
-    std::vector<int> ports() const;
-    // Running masters that serve slots, in port order.
-    std::vector<int> masters() const;
+    std::vector<int> ports() const;    // the running nodes
+    std::vector<int> masters() const;  // running masters that serve slots, in port order
     int replica_of(int master) const;
     int owner_of_slot(int slot) const;
-    // CLUSTER KEYSLOT of each name, in one pipeline.
-    std::vector<int> key_slots(const std::vector<std::string>& server_keys) const;
+    std::vector<int> key_slots(const std::vector<std::string>& server_keys) const;  // CLUSTER KEYSLOT of each
     // The reply as text (an integer in decimal); an error reply or none at all throws.
     std::string must(int port, const Argv& argv) const;
-    // "role" of INFO replication ("master" or "slave").
-    std::string role(int port) const;
+    std::string role(int port) const;  // "master" or "slave"
     // How often the running nodes answered an error reply of this kind (MOVED, ASK) since the last
     // reset_error_stats(): whether a client was redirected.
     long long error_count(const std::string& prefix) const;
@@ -50,10 +44,9 @@ public:
 
     // CLUSTER FAILOVER on the replica, then waits until it is master and the cluster healthy.
     void manual_failover(int replica);
-    // SIGKILL, without waiting for the cluster to react.
-    void kill(int port);
-    // Until every running node reports cluster_state:ok, agrees with the others on roles, slots and failed nodes,
-    // and every running replica is in sync. Throws with every node's view after timeout_s.
+    void kill(int port);  // SIGKILL, without waiting for the cluster to react
+    // Until every running node reports cluster_state:ok and the same masters, replicas and slots, and every
+    // running replica is in sync. Throws after timeout_s.
     void wait_healthy(double timeout_s = 30) const;
 
     // A slot's move as an operator makes it: SETSLOT IMPORTING on the target and MIGRATING on the source; MIGRATE
@@ -71,7 +64,6 @@ private:
     };
     void start(int port);
     void stop_all();
-    bool running(int port) const;
     int any_running() const { return ports().at(0); }
     bool healthy(std::string& why) const;
 

@@ -14,7 +14,8 @@ namespace {
 
 // Exit 0, nothing on standard error (where the injector reports buffers never released), and per case its header,
 // "== PASSED ==" and an empty line, then the summary.
-void expect_byte_exact_pass(const ZsetRun& run) {
+void expect_byte_exact_pass(const ZsetRun& run, const char* when) {
+    SCOPED_TRACE(when);
     EXPECT_EQ(run.exit_code, 0);
     EXPECT_EQ(run.err, "");
     const Transcript t = parse_transcript(run.out);
@@ -41,18 +42,14 @@ TEST(ZsetRun, PassesWithAMasterAndThenAReplicaAsItsSeed) {
     RedisCluster cluster(kZsetPort);
     ASSERT_EQ(cluster.masters().front(), kZsetPort);
     const ZsetRun first = run_once();
-    {
-        SCOPED_TRACE("12345 a master");
-        expect_byte_exact_pass(first);
-    }
+    expect_byte_exact_pass(first, "12345 a master");
 
     // zset's time-to-live cases need keys that do not exist yet; functions stay loaded.
     for (int port : cluster.masters()) cluster.must(port, {"FLUSHALL"});
     cluster.manual_failover(cluster.replica_of(kZsetPort));
     ASSERT_EQ(cluster.role(kZsetPort), "slave");
     const ZsetRun second = run_once();
-    SCOPED_TRACE("12345 a replica");
-    expect_byte_exact_pass(second);
+    expect_byte_exact_pass(second, "12345 a replica");
     EXPECT_EQ(second.out, first.out);
 }
 
