@@ -266,20 +266,18 @@ void RedisCluster::manual_failover(int replica) {
 bool RedisCluster::healthy(std::string& why) const {
     std::set<std::string> agreed_view;
     for (int port : ports()) {
-        const std::string name = "node " + std::to_string(port);
-        if (field_of("\n" + must(port, {"CLUSTER", "INFO"}), "cluster_state") != "ok") {
-            return why = name + " is not ok", false;
-        }
+        why = "node " + std::to_string(port) + " is not ok";
+        if (field_of("\n" + must(port, {"CLUSTER", "INFO"}), "cluster_state") != "ok") return false;
         // Which master serves which slots with which replica, failed nodes left out: the same on every node (a set:
         // each node lists the ranges in an order of its own).
         std::set<std::string> view;
         for (const auto& range : must_reply(port, {"CLUSTER", "SLOTS"}).elements) view.insert(flat(range));
         if (agreed_view.empty()) agreed_view = view;
-        if (view != agreed_view) return why = name + " sees another cluster", false;
+        why = "node " + std::to_string(port) + " sees another cluster or is not in sync with its master";
+        if (view != agreed_view) return false;
         const std::string replication = must(port, {"INFO", "replication"});
-        if (field_of(replication, "role") == "slave" && field_of(replication, "master_link_status") != "up") {
-            return why = name + " is not in sync with its master", false;
-        }
+        const bool replica = field_of(replication, "role") == "slave";
+        if (replica && field_of(replication, "master_link_status") != "up") return false;
     }
     return true;
 }

@@ -11,7 +11,6 @@
 #include <thread>
 #include <vector>
 
-#include "cluster_client.h"
 #include "redis_cluster.h"
 #include "redis_server.h"
 
