@@ -96,9 +96,7 @@ std::vector<NodeReply> node_pipeline(int port, const std::vector<Argv>& commands
     for (size_t i = 0; i < commands.size(); ++i) {
         void* raw = nullptr;
         if (redisGetReply(c.get(), &raw) != REDIS_OK || raw == nullptr) {
-            NodeReply broken;
-            broken.str = c->errstr;
-            replies.resize(commands.size(), broken);
+            replies.resize(commands.size(), NodeReply{true, c->errstr, {}});
             break;
         }
         replies.push_back(own(static_cast<redisReply*>(raw)));

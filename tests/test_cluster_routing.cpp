@@ -1,9 +1,8 @@
 // test_cluster_routing.cpp -- how one client finds its way around a cluster, in steps on one cluster: seeds that
-// are down or replicas; awkward keys and keys of the slots at the edges of the masters' ranges, each sent straight
-// to the master of the slot the cluster computes; a slot half moved (ASK for one call, the map unchanged), a key
-// made while its slot is open (TRYAGAIN until the call's bound, or until the slot settles) and the move done
-// (MOVED, then a refreshed map); a slot nobody serves (CLUSTERDOWN, waited for in the same way); a master whose
-// function library was flushed; a master that became a replica under clients that still map their slots there.
+// are down or replicas; awkward keys and the masters' edge slots, each sent straight to its slot's master; a slot
+// half moved (ASK, the map unchanged), a key made while its slot is open (TRYAGAIN until the call's bound or until
+// the slot settles) and the move done (MOVED, a refreshed map); a slot nobody serves (CLUSTERDOWN, likewise); a
+// master's function library flushed; a master turned replica under clients that still map their slots there.
 #include <gtest/gtest.h>
 
 #include <future>

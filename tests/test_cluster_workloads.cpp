@@ -1,10 +1,9 @@
 // test_cluster_workloads.cpp -- the cluster changed under workloads that keep writing and reading, on one cluster.
-// A slot moved to another master and back, a few server keys per MIGRATE, while one workload uses keys of that
-// slot made before the move and another makes keys of it while the slot is open: calls may wait (TRYAGAIN while a
-// key's two server keys are split, ASK while they are on the target, MOVED once the move is done) but fail no
-// other way, and every acknowledged write stays, with its value. Then a master killed (SIGKILL) in the middle of a
-// workload over keys of every master: the calls on its keys resume on the promoted replica, every call keeps within
-// its bound, and since replication is asynchronous only writes the dead master acknowledged may be lost.
+// A slot moved to another master and back, a few server keys per MIGRATE, under keys of it made before the move and
+// keys made while it is open: calls may wait (TRYAGAIN, ASK, MOVED) but fail no other way, and every acknowledged
+// write stays, with its value. Then a master killed (SIGKILL) under a workload over every master: calls on its keys
+// resume on the promoted replica, every call keeps within its bound, and only writes the dead master acknowledged
+// may be lost (replication is asynchronous).
 #include <gtest/gtest.h>
 
 #include <atomic>
