@@ -8,12 +8,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <sstream>
+#include <set>
 #include <stdexcept>
 #include <thread>
 
@@ -26,39 +25,21 @@ namespace {
 struct NodeReply {
     bool failed = true;
     std::string str;  // the text, the error, or why there was no reply
-    long long integer = 0;
     std::vector<NodeReply> elements;
 };
 
 NodeReply own(const redisReply* r) {
     NodeReply out;
     out.failed = r->type == REDIS_REPLY_ERROR;
-    out.integer = r->integer;
     out.str = r->type == REDIS_REPLY_INTEGER ? std::to_string(r->integer) : std::string(r->str ? r->str : "", r->len);
     for (size_t i = 0; i < r->elements; ++i) out.elements.push_back(own(r->element[i]));
     return out;
 }
 
-// One line of CLUSTER NODES: a node as one node sees it.
-struct NodeLine {
-    std::string flags, master_id, link;  // master_id "-" for a master
-    int port = 0;
-    std::vector<std::string> slots;  // "0-5460", "7", or "[7->-id]" for a slot in migration
-    bool has(const std::string& flag) const { return ("," + flags + ",").find("," + flag + ",") != std::string::npos; }
-};
-
-std::vector<NodeLine> parse_nodes(const std::string& text) {
-    std::vector<NodeLine> out;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream fields(line);
-        NodeLine n;
-        std::string id, addr, ping, pong, epoch;
-        if (!(fields >> id >> addr >> n.flags >> n.master_id >> ping >> pong >> epoch >> n.link)) continue;
-        n.port = std::atoi(addr.c_str() + addr.find(':') + 1);
-        for (std::string s; fields >> s;) n.slots.push_back(s);
-        out.push_back(n);
-    }
+// A reply as one line of text, to compare what nodes answer.
+std::string flat(const NodeReply& r) {
+    std::string out = r.str;
+    for (const auto& e : r.elements) out += "[" + flat(e) + "]";
     return out;
 }
 
@@ -85,28 +66,22 @@ bool poll_until(double timeout_s, Done done) {
 int free_block() {
     int low = 32768;
     std::ifstream("/proc/sys/net/ipv4/ip_local_port_range") >> low;
-    const auto clear = [](int first) {
-        for (int i = 0; i < RedisCluster::kNodes; ++i) {
-            if (RedisServer::listening(first + i)) return false;
-        }
-        return true;
-    };
     for (int base = 13000 + static_cast<int>(getpid() % 500) * 16; base + 10000 + RedisCluster::kNodes < low;
          base += 16) {
-        if (clear(base) && clear(base + 10000)) return base;
+        bool clear = true;
+        for (int i = 0; i < RedisCluster::kNodes; ++i) {
+            clear = clear && !RedisServer::listening(base + i) && !RedisServer::listening(base + 10000 + i);
+        }
+        if (clear) return base;
     }
     throw std::runtime_error("no free block of ports for a cluster");
 }
 
-// Sends every command on one fresh connection before reading any reply.
+// Sends every command on one fresh connection before reading any reply. A connection that failed fails every
+// reply with its error.
 std::vector<NodeReply> node_pipeline(int port, const std::vector<Argv>& commands) {
-    NodeReply broken;
     std::unique_ptr<redisContext, void (*)(redisContext*)> c(
         redisConnectWithTimeout("127.0.0.1", port, timeval{1, 0}), redisFree);
-    if (!c || c->err) {
-        broken.str = "cannot connect to " + std::to_string(port);
-        return std::vector<NodeReply>(commands.size(), broken);
-    }
     redisSetTimeout(c.get(), timeval{10, 0});
     for (const auto& argv : commands) {
         std::vector<const char*> ptrs;
@@ -121,14 +96,19 @@ std::vector<NodeReply> node_pipeline(int port, const std::vector<Argv>& commands
     for (size_t i = 0; i < commands.size(); ++i) {
         void* raw = nullptr;
         if (redisGetReply(c.get(), &raw) != REDIS_OK || raw == nullptr) {
-            broken.str = c->errstr;
-            replies.resize(commands.size(), broken);
+            replies.resize(commands.size(), NodeReply{true, c->errstr, {}});
             break;
         }
         replies.push_back(own(static_cast<redisReply*>(raw)));
         freeReplyObject(raw);
     }
     return replies;
+}
+
+NodeReply must_reply(int port, const Argv& argv) {
+    NodeReply r = node_pipeline(port, {argv}).front();
+    if (r.failed) throw std::runtime_error("node " + std::to_string(port) + ": " + argv[0] + " " + r.str);
+    return r;
 }
 
 }  // namespace
@@ -212,13 +192,7 @@ void RedisCluster::kill(int port) {
     node.pid = -1;
 }
 
-bool RedisCluster::running(int port) const { return nodes_.count(port) && nodes_.at(port).pid > 0; }
-
-std::string RedisCluster::must(int port, const Argv& argv) const {
-    const NodeReply r = node_pipeline(port, {argv}).front();
-    if (r.failed) throw std::runtime_error("node " + std::to_string(port) + ": " + argv[0] + " " + r.str);
-    return r.str;
-}
+std::string RedisCluster::must(int port, const Argv& argv) const { return must_reply(port, argv).str; }
 
 std::string RedisCluster::role(int port) const { return field_of(must(port, {"INFO", "replication"}), "role"); }
 
@@ -230,26 +204,26 @@ std::vector<int> RedisCluster::ports() const {
     return out;
 }
 
+// Each element of CLUSTER SLOTS: first slot, last slot, then the master and its replicas as [ip, port, id, ...].
 std::vector<int> RedisCluster::masters() const {
-    std::vector<int> out;
-    for (const auto& n : parse_nodes(must(any_running(), {"CLUSTER", "NODES"}))) {
-        if (n.has("master") && !n.slots.empty() && running(n.port)) out.push_back(n.port);
+    std::set<int> out;
+    for (const auto& range : must_reply(any_running(), {"CLUSTER", "SLOTS"}).elements) {
+        out.insert(std::stoi(range.elements.at(2).elements.at(1).str));
     }
-    std::sort(out.begin(), out.end());
-    return out;
+    return {out.begin(), out.end()};
 }
 
 int RedisCluster::replica_of(int master) const {
-    for (const auto& n : parse_nodes(must(any_running(), {"CLUSTER", "NODES"}))) {
-        if (n.has("slave") && n.master_id == nodes_.at(master).id && running(n.port)) return n.port;
-    }
-    throw std::runtime_error("no running replica of " + std::to_string(master));
+    // "slave0:ip=127.0.0.1,port=13003,state=online,..."
+    const std::string replica = field_of(must(master, {"INFO", "replication"}), "slave0");
+    if (replica.find("port=") == std::string::npos) throw std::runtime_error("no replica of " + std::to_string(master));
+    return std::atoi(replica.c_str() + replica.find("port=") + 5);
 }
 
 int RedisCluster::owner_of_slot(int slot) const {
-    for (const auto& range : node_pipeline(any_running(), {{"CLUSTER", "SLOTS"}}).front().elements) {
-        if (range.elements.size() >= 3 && range.elements[0].integer <= slot && slot <= range.elements[1].integer) {
-            return static_cast<int>(range.elements[2].elements.at(1).integer);
+    for (const auto& range : must_reply(any_running(), {"CLUSTER", "SLOTS"}).elements) {
+        if (std::stoi(range.elements.at(0).str) <= slot && slot <= std::stoi(range.elements.at(1).str)) {
+            return std::stoi(range.elements.at(2).elements.at(1).str);
         }
     }
     throw std::runtime_error("no node serves slot " + std::to_string(slot));
@@ -261,7 +235,7 @@ std::vector<int> RedisCluster::key_slots(const std::vector<std::string>& server_
     std::vector<int> slots;
     for (const auto& r : node_pipeline(any_running(), commands)) {
         if (r.failed) throw std::runtime_error("CLUSTER KEYSLOT: " + r.str);
-        slots.push_back(static_cast<int>(r.integer));
+        slots.push_back(std::stoi(r.str));
     }
     return slots;
 }
@@ -288,46 +262,29 @@ void RedisCluster::manual_failover(int replica) {
 }
 
 bool RedisCluster::healthy(std::string& why) const {
-    std::string agreed_view;
+    std::set<std::string> agreed_view;
     for (int port : ports()) {
-        const std::string name = "node " + std::to_string(port);
-        if (field_of("\n" + must(port, {"CLUSTER", "INFO"}), "cluster_state") != "ok") {
-            return why = name + " is not ok", false;
-        }
-        // Every node's picture of roles, slots and failed nodes, leaving out what only that node knows.
-        std::vector<std::string> view;
-        for (const auto& n : parse_nodes(must(port, {"CLUSTER", "NODES"}))) {
-            const bool up = running(n.port), seen_up = !n.has("fail") && !n.has("fail?") && n.link == "connected";
-            if (up ? !seen_up : !n.has("fail")) {
-                return why = name + " is wrong about " + std::to_string(n.port) + " being up", false;
-            }
-            std::string entry = std::to_string(n.port) + " " + n.master_id + (up ? "" : " failed");
-            for (const auto& s : n.slots) {
-                if (s.front() == '[') return why = name + " has a slot in migration", false;
-                entry += " " + s;
-            }
-            view.push_back(entry);
-        }
-        std::sort(view.begin(), view.end());
-        std::string joined;
-        for (const auto& v : view) joined += v + "\n";
-        if (agreed_view.empty()) agreed_view = joined;
-        if (view.size() != kNodes || joined != agreed_view) return why = name + " sees another cluster", false;
+        why = "node " + std::to_string(port) + " is not ok";
+        if (field_of("\n" + must(port, {"CLUSTER", "INFO"}), "cluster_state") != "ok") return false;
+        // Which master serves which slots with which replica, failed nodes left out: the same on every node (a set:
+        // each node lists the ranges in an order of its own).
+        std::set<std::string> view;
+        for (const auto& range : must_reply(port, {"CLUSTER", "SLOTS"}).elements) view.insert(flat(range));
+        if (agreed_view.empty()) agreed_view = view;
+        why = "node " + std::to_string(port) + " sees another cluster or is not in sync with its master";
+        if (view != agreed_view) return false;
         const std::string replication = must(port, {"INFO", "replication"});
-        if (field_of(replication, "role") == "slave" && field_of(replication, "master_link_status") != "up") {
-            return why = name + " is not in sync with its master", false;
-        }
+        const bool replica = field_of(replication, "role") == "slave";
+        if (replica && field_of(replication, "master_link_status") != "up") return false;
     }
     return true;
 }
 
 void RedisCluster::wait_healthy(double timeout_s) const {
     std::string why;
-    if (poll_until(timeout_s, [&] { return healthy(why); })) return;
-    for (int port : ports()) {
-        why += "\n--- node " + std::to_string(port) + "\n" + node_pipeline(port, {{"CLUSTER", "NODES"}}).front().str;
+    if (!poll_until(timeout_s, [&] { return healthy(why); })) {
+        throw std::runtime_error("the cluster did not become whole: " + why);
     }
-    throw std::runtime_error("the cluster did not become whole: " + why);
 }
 
 Migration RedisCluster::open_migration(int slot, int target) const {
@@ -342,17 +299,13 @@ void RedisCluster::move_keys(const Migration& m, const std::vector<std::string>&
     if (server_keys.empty()) return;
     Argv migrate = {"MIGRATE", "127.0.0.1", std::to_string(m.target), "", "0", "5000", "KEYS"};
     migrate.insert(migrate.end(), server_keys.begin(), server_keys.end());
-    // NOKEY: none of them was there (anymore); anything else but OK (BUSYKEY, IOERR) is a broken migration.
-    const std::string reply = must(m.source, migrate);
-    if (reply != "OK" && reply != "NOKEY") throw std::runtime_error("MIGRATE: " + reply);
+    must(m.source, migrate);  // OK, or NOKEY when none of them is there (anymore)
 }
 
 size_t RedisCluster::move_batch(const Migration& m, size_t batch) const {
-    const NodeReply keys =
-        node_pipeline(m.source, {{"CLUSTER", "GETKEYSINSLOT", std::to_string(m.slot), std::to_string(batch)}}).front();
-    if (keys.failed) throw std::runtime_error("CLUSTER GETKEYSINSLOT: " + keys.str);
+    const Argv get_keys = {"CLUSTER", "GETKEYSINSLOT", std::to_string(m.slot), std::to_string(batch)};
     std::vector<std::string> names;
-    for (const auto& k : keys.elements) names.push_back(k.str);
+    for (const auto& k : must_reply(m.source, get_keys).elements) names.push_back(k.str);
     move_keys(m, names);
     return names.size();
 }

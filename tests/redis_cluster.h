@@ -1,24 +1,29 @@
-// redis_cluster.h -- a private Redis Cluster for one test: six cluster-enabled redis-server processes on loopback
-// (own temporary directories, no persistence), three masters with one replica each, waited for until every node
-// is ok and all agree on the slots. Tests fail masters over, kill nodes and move slots under the library; the
-// fixture's own commands have bounded waits. Also where kelvane keys live: server key names and slots.
+// redis_cluster.h -- what the cluster tests stand on: a private Redis Cluster for one test (six cluster-enabled
+// redis-server processes on loopback, own temporary directories, no persistence, three masters with one replica
+// each) that tests fail over, kill nodes of and move slots in, with bounded waits of its own; where kelvane keys
+// live in it; and a kelvane client with its own memory manager that checks every buffer came back.
 #ifndef KELVANE_TESTS_REDIS_CLUSTER_H
 #define KELVANE_TESTS_REDIS_CLUSTER_H
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
+#include <chrono>
+#include <initializer_list>
 #include <map>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "kelvane.h"
 
 namespace kelvane_test {
 
 using Argv = std::vector<std::string>;
 
 // One slot on its way from one master to another (ports).
-struct Migration {
-    int slot, source, target;
-};
+struct Migration { int slot, source, target; };
 
 class RedisCluster {
 public:
@@ -31,18 +36,14 @@ public:
     RedisCluster(const RedisCluster&) = delete;
     RedisCluster& operator=(const RedisCluster&) = delete;
 
-    // The running nodes.
-    std::vector<int> ports() const;
-    // Running masters that serve slots, in port order.
-    std::vector<int> masters() const;
+    std::vector<int> ports() const;    // the running nodes
+    std::vector<int> masters() const;  // running masters that serve slots, in port order
     int replica_of(int master) const;
     int owner_of_slot(int slot) const;
-    // CLUSTER KEYSLOT of each name, in one pipeline.
-    std::vector<int> key_slots(const std::vector<std::string>& server_keys) const;
+    std::vector<int> key_slots(const std::vector<std::string>& server_keys) const;  // CLUSTER KEYSLOT of each
     // The reply as text (an integer in decimal); an error reply or none at all throws.
     std::string must(int port, const Argv& argv) const;
-    // "role" of INFO replication ("master" or "slave").
-    std::string role(int port) const;
+    std::string role(int port) const;  // "master" or "slave"
     // How often the running nodes answered an error reply of this kind (MOVED, ASK) since the last
     // reset_error_stats(): whether a client was redirected.
     long long error_count(const std::string& prefix) const;
@@ -50,10 +51,9 @@ public:
 
     // CLUSTER FAILOVER on the replica, then waits until it is master and the cluster healthy.
     void manual_failover(int replica);
-    // SIGKILL, without waiting for the cluster to react.
-    void kill(int port);
-    // Until every running node reports cluster_state:ok, agrees with the others on roles, slots and failed nodes,
-    // and every running replica is in sync. Throws with every node's view after timeout_s.
+    void kill(int port);  // SIGKILL, without waiting for the cluster to react
+    // Until every running node reports cluster_state:ok and the same masters, replicas and slots, and every
+    // running replica is in sync. Throws after timeout_s.
     void wait_healthy(double timeout_s = 30) const;
 
     // A slot's move as an operator makes it: SETSLOT IMPORTING on the target and MIGRATING on the source; MIGRATE
@@ -71,7 +71,6 @@ private:
     };
     void start(int port);
     void stop_all();
-    bool running(int port) const;
     int any_running() const { return ports().at(0); }
     bool healthy(std::string& why) const;
 
@@ -103,6 +102,79 @@ inline std::map<int, std::vector<std::string>> keys_by_slot(const RedisCluster& 
     for (size_t i = 0; i < keys.size(); ++i) by_slot[slots[i]].push_back(keys[i]);
     return by_slot;
 }
+
+using Clock = std::chrono::steady_clock;
+
+inline double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
+
+// Waits as zset's client does: 1 s to connect, 2 attempts, 2 s for a reply.
+class KvClient {
+public:
+    // The most any one call may take: connect attempts x connect timeout + command timeout.
+    static constexpr double kCallBound_s = 2 * 1 + 2;
+
+    KvClient() : mm_(kv_mm_create(nullptr, nullptr, nullptr, 0)), client_(kv_client_create(1, 2, mm_, 2)) {
+        if (mm_ == nullptr || client_ == nullptr) throw std::runtime_error("cannot create a kelvane client");
+    }
+    ~KvClient() {
+        kv_client_destroy(client_);
+        EXPECT_EQ(mm_->live_count(mm_), 0u) << "buffers the library handed out and nobody got back";
+        kv_mm_destroy(mm_);
+    }
+    KvClient(const KvClient&) = delete;
+    KvClient& operator=(const KvClient&) = delete;
+
+    int32_t add_seed(int port) { return kv_server_add(client_, "127.0.0.1", static_cast<uint32_t>(port), nullptr); }
+
+    int32_t zaddval(const std::string& key, double score, const std::string& member, const std::string& value) {
+        return kv_zaddval(client_, key.data(), key.size(), score, member.data(), member.size(), value.data(),
+                          value.size(), 0);
+    }
+
+    struct Scored {
+        int32_t status = -1;
+        double score = 0;
+        std::optional<std::string> value;
+    };
+    Scored zscore(const std::string& key, const std::string& member) {
+        Scored out;
+        char* value = nullptr;
+        size_t len = 0;
+        out.status = kv_zscore(client_, key.data(), key.size(), member.data(), member.size(), &out.score, &value, &len);
+        if (value != nullptr) out.value = std::string(value, len);
+        mm_->release(value);
+        return out;
+    }
+
+    // A whole sorted set: member -> (score, value).
+    struct Members {
+        int32_t status = -1;
+        std::map<std::string, std::pair<double, std::optional<std::string>>> items;
+    };
+    Members zrange_all(const std::string& key) {
+        Members out;
+        void **members = nullptr, **values = nullptr;
+        size_t count = 0, *members_len = nullptr, *values_len = nullptr;
+        double* scores = nullptr;
+        out.status = kv_zrange(client_, key.data(), key.size(), 0, -1, &members, &count, &members_len,
+                               ZSET_WITH_SCORES | ZSET_WITH_VALUES, &scores, &values, &values_len);
+        for (size_t k = 0; k < count; ++k) {
+            auto& item = out.items[std::string(static_cast<char*>(members[k]), members_len[k])];
+            item.first = scores[k];
+            if (values[k] != nullptr) item.second.emplace(static_cast<char*>(values[k]), values_len[k]);
+            mm_->release(members[k]);
+            mm_->release(values[k]);
+        }
+        for (void* array : std::initializer_list<void*>{members, members_len, scores, values, values_len}) {
+            mm_->release(array);
+        }
+        return out;
+    }
+
+private:
+    kv_mm* mm_;
+    kv_client* client_;
+};
 
 }  // namespace kelvane_test
 
