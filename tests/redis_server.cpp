@@ -19,7 +19,6 @@
 extern char** environ;
 
 namespace kelvane_test {
-namespace {
 
 sockaddr_in loopback(int port) {
     sockaddr_in addr{};
@@ -28,6 +27,8 @@ sockaddr_in loopback(int port) {
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     return addr;
 }
+
+namespace {
 
 std::string reply_text(const redisReply* r) {
     switch (r->type) {

@@ -3,12 +3,16 @@
 #ifndef KELVANE_TESTS_REDIS_SERVER_H
 #define KELVANE_TESTS_REDIS_SERVER_H
 
+#include <netinet/in.h>
 #include <sys/types.h>
 
 #include <string>
 #include <vector>
 
 namespace kelvane_test {
+
+// 127.0.0.1:port, for tests that open sockets of their own.
+sockaddr_in loopback(int port);
 
 class RedisServer {
 public:

@@ -42,14 +42,6 @@ uint32_t card(kv_client* client, int32_t expected_status) {
     return n;
 }
 
-sockaddr_in loopback(int port) {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return addr;
-}
-
 // A TCP relay on loopback in front of a real server. Requests pass straight through; replies pass at once or,
 // while it trickles, one byte every 1.5 s: the line never falls silent long enough for a per-read timeout to
 // fire. A connection whose replies have been held back for 8 s is dropped, so a client that never gives up costs
