@@ -1,6 +1,6 @@
 // Access rules: a Redis ACL user with no more than the documented minimal rights runs every operation, on a
 // server whose functions another client loaded and, with FUNCTION LOAD added, on one that has none yet; a user
-// who may not call functions gets KV_NOT_PERMITTED for every operation that needs one, and nothing runs.
+// who may not call functions gets KV_NOT_PERMITTED from writes, reads, ranges and removals, and nothing runs.
 #include <algorithm>
 
 #include "library_fixture.h"
