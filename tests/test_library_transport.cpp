@@ -132,8 +132,11 @@ TEST_F(Transport, NoServerAndDeadPortFailFast) {
     EXPECT_EQ(within(3.0, [&] { return kv_server_add(lone, "127.0.0.1", RedisServer::free_port(), nullptr); }),
               KV_CONNECT_FAILED);
     EXPECT_EQ(within(3.0, [&] { return kv_zadd(lone, "k", 1, 1, "m", 1, 0); }), KV_CONNECT_FAILED);
-    // A second seed that answers serves the calls; the dead one stays registered and is passed over.
-    EXPECT_EQ(kv_server_add(lone, "127.0.0.1", server_->port(), nullptr), KV_SUCCESS);
+    // A second seed, down when it is registered and up later, serves the calls: the first call after that looks
+    // for a server past the dead seed, which stays registered and is passed over.
+    server_->stop();
+    EXPECT_EQ(kv_server_add(lone, "127.0.0.1", server_->port(), nullptr), KV_CONNECT_FAILED);
+    server_->start();
     EXPECT_EQ(kv_zadd(lone, "k", 1, 1, "m", 1, 0), KV_SUCCESS);
     EXPECT_EQ(card(lone, KV_SUCCESS), 1u);
     EXPECT_EQ(kv_server_add(client_, "127.0.0.1", server_->port(), nullptr), KV_ALREADY_EXISTS);
