@@ -7,7 +7,7 @@ using kelvane::guarded;
 using kelvane::PointReply;
 
 extern "C" int32_t kv_del(kv_client* client, const char* key, size_t key_len) {
-    return guarded([&] {
+    return guarded(client, [&] {
         if (!kelvane::key_ok(client, key, key_len)) return KV_INVALID_PARAMETER;
         // One DEL takes both server keys at once, so no one sees half a key.
         client->request.start().arg("DEL").server_key(key, key_len, "").server_key(
@@ -23,7 +23,7 @@ extern "C" int32_t kv_del(kv_client* client, const char* key, size_t key_len) {
 
 extern "C" int32_t kv_get_ttl(kv_client* client, const char* key, size_t key_len, int32_t* ttl) {
     if (ttl != nullptr) *ttl = 0;
-    return guarded([&] {
+    return guarded(client, [&] {
         if (!kelvane::key_ok(client, key, key_len) || ttl == nullptr) return KV_INVALID_PARAMETER;
         // The values hash always expires with the main key: the main key's
         // time-to-live is the kelvane key's.
@@ -46,7 +46,7 @@ extern "C" int32_t kv_get_ttl(kv_client* client, const char* key, size_t key_len
 
 extern "C" int32_t kv_sadd(kv_client* client, const char* key, size_t key_len,
                            const char* member, size_t member_len, int32_t ttl) {
-    return guarded([&] {
+    return guarded(client, [&] {
         if (!kelvane::key_ok(client, key, key_len) || !kelvane::bytes_ok(member, member_len) ||
             !kelvane::ttl_ok(ttl)) {
             return KV_INVALID_PARAMETER;

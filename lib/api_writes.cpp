@@ -40,7 +40,7 @@ int32_t add_members(kv_client* client, const char* key, size_t key_len, const do
 
 extern "C" int32_t kv_zadd(kv_client* client, const char* key, size_t key_len, double score,
                            const char* member, size_t member_len, int32_t ttl) {
-    return guarded([&] {
+    return guarded(client, [&] {
         return add_members(client, key, key_len, &score, &member, 1, &member_len, nullptr,
                            nullptr, ttl);
     });
@@ -49,7 +49,7 @@ extern "C" int32_t kv_zadd(kv_client* client, const char* key, size_t key_len, d
 extern "C" int32_t kv_zaddval(kv_client* client, const char* key, size_t key_len, double score,
                               const char* member, size_t member_len, const char* value,
                               size_t value_len, int32_t ttl) {
-    return guarded([&] {
+    return guarded(client, [&] {
         if (!kelvane::bytes_ok(value, value_len)) return KV_INVALID_PARAMETER;
         // Zero-length and null values alike are values: "" stands for both.
         const char* v = value != nullptr ? value : "";
@@ -61,7 +61,7 @@ extern "C" int32_t kv_zaddval(kv_client* client, const char* key, size_t key_len
 extern "C" int32_t kv_zmadd(kv_client* client, const char* key, size_t key_len,
                             const double* scores, const char* const* members, uint32_t count,
                             const size_t* members_len, int32_t ttl) {
-    return guarded([&] {
+    return guarded(client, [&] {
         return add_members(client, key, key_len, scores, members, count, members_len, nullptr,
                            nullptr, ttl);
     });
@@ -71,7 +71,7 @@ extern "C" int32_t kv_zmaddval(kv_client* client, const char* key, size_t key_le
                                const double* scores, const char* const* members, uint32_t count,
                                const size_t* members_len, const char* const* values,
                                const size_t* values_len, int32_t ttl) {
-    return guarded([&] {
+    return guarded(client, [&] {
         if (values == nullptr) return KV_INVALID_PARAMETER;
         return add_members(client, key, key_len, scores, members, count, members_len, values,
                            values_len, ttl);
@@ -81,7 +81,7 @@ extern "C" int32_t kv_zmaddval(kv_client* client, const char* key, size_t key_le
 extern "C" int32_t kv_zaddvalmax(kv_client* client, const char* key, size_t key_len,
                                  const char* member, size_t member_len, const char* value,
                                  size_t value_len, double increment, int32_t ttl) {
-    return guarded([&] {
+    return guarded(client, [&] {
         if (!kelvane::key_ok(client, key, key_len) || !kelvane::bytes_ok(member, member_len) ||
             !kelvane::bytes_ok(value, value_len) || !kelvane::score_ok(increment) ||
             !kelvane::ttl_ok(ttl)) {
@@ -98,7 +98,7 @@ extern "C" int32_t kv_zaddvalmax(kv_client* client, const char* key, size_t key_
 
 extern "C" int32_t kv_zaddmaxinc(kv_client* client, const char* key, size_t key_len,
                                  int32_t increment, int32_t ttl) {
-    return guarded([&] {
+    return guarded(client, [&] {
         if (!kelvane::key_ok(client, key, key_len) || !kelvane::ttl_ok(ttl)) {
             return KV_INVALID_PARAMETER;
         }
@@ -113,7 +113,7 @@ extern "C" int32_t kv_zadddis(kv_client* client, const char* key, size_t key_len
                               const char* member, size_t member_len, double drift, char** kept,
                               int32_t ttl) {
     if (kept != nullptr) *kept = nullptr;
-    return guarded([&] {
+    return guarded(client, [&] {
         if (!kelvane::key_ok(client, key, key_len) || !kelvane::bytes_ok(member, member_len) ||
             !kelvane::score_ok(score) || !kelvane::score_ok(drift) || kept == nullptr ||
             !kelvane::ttl_ok(ttl)) {
@@ -137,7 +137,7 @@ extern "C" int32_t kv_zincrby(kv_client* client, const char* key, size_t key_len
                               const char* member, size_t member_len, double increment,
                               double* new_score, int32_t ttl) {
     if (new_score != nullptr) *new_score = 0;
-    return guarded([&] {
+    return guarded(client, [&] {
         if (!kelvane::key_ok(client, key, key_len) || !kelvane::bytes_ok(member, member_len) ||
             !kelvane::score_ok(increment) || new_score == nullptr || !kelvane::ttl_ok(ttl)) {
             return KV_INVALID_PARAMETER;

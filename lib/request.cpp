@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstdio>
 
+#include "secret.h"
 #include "server_keys.h"
 
 namespace kelvane {
@@ -12,6 +13,12 @@ Request& Request::start() {
     buffer_.assign(kHeaderRoom, ' ');
     argc_ = 0;
     return *this;
+}
+
+void Request::wipe() noexcept {
+    wipe_bytes(buffer_.data(), buffer_.size());
+    buffer_.clear();
+    argc_ = 0;
 }
 
 void Request::bulk_header(std::size_t len) {

@@ -53,14 +53,14 @@ Router::Node& Router::node(const Endpoint& endpoint) {
     }
     auto fresh = std::make_unique<Node>();
     fresh->endpoint = endpoint;
-    // Nodes the cluster names use the credentials of the first seed that
-    // has some: the nodes of one cluster share their users.
+    // Nodes the cluster names use the settings of the first seed that has
+    // credentials, or else of the first seed: the nodes of one cluster share
+    // their users and their certificates' issuer.
     for (const Node* seed : seeds_) {
-        if (seed->credentials) {
-            fresh->credentials = seed->credentials;
-            break;
-        }
+        if (!fresh->settings || seed->settings->credentials) fresh->settings = seed->settings;
+        if (seed->settings->credentials) break;
     }
+    if (!fresh->settings) fresh->settings = std::make_shared<const NodeSettings>();
     nodes_.push_back(std::move(fresh));
     return *nodes_.back();
 }
@@ -79,30 +79,43 @@ int32_t Router::connect(Node& n, Deadline deadline, int attempts) {
     }
     int32_t status = KV_CONNECT_FAILED;
     for (int attempt = 0; attempt < attempts && !deadline.passed(); ++attempt) {
-        status = n.connection.open(n.endpoint, n.credentials,
+        status = n.connection.open(n.endpoint, *n.settings,
                                    deadline.within(settings_.connect_timeout),
                                    command_deadline(deadline));
         if (status == KV_SUCCESS) {
             learn_mode(n);
             return status;
         }
+        note(status, n, n.connection.failure());
         // Only a failure to reach the server is worth another attempt.
         if (status != KV_CONNECT_FAILED) break;
     }
     return status;
 }
 
-int32_t Router::add_seed(const Endpoint& seed, const std::optional<Credentials>& credentials,
+void Router::note(int32_t status, const Node& n, std::string text) {
+    redact(text, n.settings->password());
+    failure_ = {status, std::move(text)};
+}
+
+int32_t Router::add_seed(const Endpoint& seed, std::shared_ptr<const NodeSettings> settings,
                          Deadline deadline) {
     for (const Node* s : seeds_) {
-        if (s->endpoint == seed) return KV_ALREADY_EXISTS;
+        if (s->endpoint == seed) {
+            note_failure(KV_ALREADY_EXISTS, describe(seed) + " is a seed already");
+            return KV_ALREADY_EXISTS;
+        }
     }
     Node& n = node(seed);
-    if (credentials) n.credentials = credentials;
+    n.settings = std::move(settings);
     const NodeMode before = mode_;
     const int32_t status = connect(n, deadline, settings_.connect_attempts);
     if (status == KV_SUCCESS && before != NodeMode::unknown && n.connection.mode() != before) {
-        return KV_INVALID_PARAMETER;  // a standalone server cannot stand in for a cluster
+        // A standalone server cannot stand in for a cluster.
+        note(KV_INVALID_PARAMETER, n, describe(seed) + (before == NodeMode::cluster
+                                                            ? " is a standalone server, the others a cluster"
+                                                            : " is a cluster node, the others standalone"));
+        return KV_INVALID_PARAMETER;
     }
     seeds_.push_back(&n);
     if (status != KV_SUCCESS) return status;
@@ -166,10 +179,13 @@ int32_t Router::refresh(Deadline deadline, const Node* avoid) {
         const Exchange done = n.connection.exchange(slots.bytes(), {&reply}, command_deadline(deadline));
         if (done.status != KV_SUCCESS) {
             status = done.status;
+            note(status, n, describe(n.endpoint) + ": " + n.connection.failure());
         } else if (reply.is_error()) {
             status = status_of(classify_error(reply.error()).kind);
+            note(status, n, describe(n.endpoint) + " answered CLUSTER SLOTS with " + std::string(reply.error()));
         } else if (!map_.load(reply.value(), n.endpoint)) {
             status = KV_SERVER_ERROR;
+            note(status, n, describe(n.endpoint) + " answered CLUSTER SLOTS with a map that cannot be read");
         } else {
             map_loaded_ = true;
             refresh_due_ = false;
@@ -307,6 +323,7 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
             done = n->connection.exchange(bytes, {&sink}, command_deadline(deadline));
         }
         if (done.status != KV_SUCCESS) {
+            note(done.status, *n, describe(n->endpoint) + ": " + n->connection.failure());
             // Once sent, the command may have run: it is never sent again.
             if (done.sent) {
                 if (mode_ == NodeMode::cluster) refresh_due_ = true;
@@ -317,7 +334,9 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
             continue;
         }
         if (!sink.is_error()) return KV_SUCCESS;
-        const Step next = on_error_reply(classify_error(sink.error()), *n, uses_functions, call);
+        const ServerError error = classify_error(sink.error());
+        note(status_of(error.kind), *n, describe(n->endpoint) + " answered " + std::string(sink.error()));
+        const Step next = on_error_reply(error, *n, uses_functions, call);
         if (!next.repeat) return next.status;
     }
 }

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "deadline.h"
@@ -22,6 +23,7 @@
 #include "reply_sink.h"
 #include "request.h"
 #include "server_error.h"
+#include "settings.h"
 #include "slot_map.h"
 
 namespace kelvane {
@@ -40,9 +42,18 @@ public:
     // a seed given before; KV_INVALID_PARAMETER for a standalone server next
     // to a cluster; or the status that says why it cannot be reached (the
     // seed stays: later calls try again).
-    int32_t add_seed(const Endpoint& seed, const std::optional<Credentials>& credentials,
+    int32_t add_seed(const Endpoint& seed, std::shared_ptr<const NodeSettings> settings,
                      Deadline deadline);
     bool has_seeds() const { return !seeds_.empty(); }
+
+    // Why the router last failed, in words, and with which status; the
+    // client reports it when its call ends with that status.
+    struct Failure {
+        int32_t status = 0;
+        std::string text;
+    };
+    const Failure& failure() const { return failure_; }
+    void note_failure(int32_t status, std::string text) { failure_ = {status, std::move(text)}; }
 
     // Sends request to the node that serves slot and reads its reply into
     // sink. KV_SUCCESS once a reply that is not an error arrived; otherwise
@@ -54,7 +65,7 @@ public:
 private:
     struct Node {
         Endpoint endpoint;
-        std::optional<Credentials> credentials;
+        std::shared_ptr<const NodeSettings> settings;
         NodeConnection connection;
         bool library_checked = false;
     };
@@ -70,6 +81,8 @@ private:
     // Asks the cluster for its slot map, trying every known node, avoid last.
     int32_t refresh(Deadline deadline, const Node* avoid);
     void learn_mode(Node& n);
+    // Records why talking to n failed (never with its password in it).
+    void note(int32_t status, const Node& n, std::string text);
 
     struct Call;
     // After an error reply: go round again, or end the call with status.
@@ -93,6 +106,7 @@ private:
     bool map_loaded_ = false;
     bool refresh_due_ = false;
     Clock::time_point last_refresh_{};
+    Failure failure_;
 };
 
 }  // namespace kelvane

@@ -7,11 +7,14 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <memory>
 
+#include "endpoint.h"
 #include "kelvane.h"
 
 namespace kelvane {
@@ -40,21 +43,26 @@ bool finish_connect(int fd, Deadline deadline) {
         if (n <= 0) return false;
         int error = 0;
         socklen_t len = sizeof error;
-        return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &len) == 0 && error == 0;
+        if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &len) != 0) return false;
+        errno = error;
+        return error == 0;
     }
 }
 
-int try_address(const addrinfo* a, Deadline deadline) {
-    const int fd = ::socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC,
-                            a->ai_protocol);
+// A connected socket on address, or -1 with errno saying why (ETIMEDOUT
+// when the deadline passed first).
+int try_address(int family, const sockaddr* address, socklen_t length, Deadline deadline) {
+    const int fd = ::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
-    if (::connect(fd, a->ai_addr, a->ai_addrlen) == 0 ||
+    if (::connect(fd, address, length) == 0 ||
         (errno == EINPROGRESS && finish_connect(fd, deadline))) {
         // From here on the socket blocks; kernel timeouts bound each wait.
         const int flags = fcntl(fd, F_GETFL);
         if (flags >= 0 && fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == 0) return fd;
     }
+    const int error = errno == EINPROGRESS ? ETIMEDOUT : errno;
     ::close(fd);
+    errno = error;
     return -1;
 }
 
@@ -66,6 +74,7 @@ Socket& Socket::operator=(Socket&& other) noexcept {
     if (this != &other) {
         close();
         fd_ = other.fd_;
+        tls_ = std::move(other.tls_);
         receive_timeout_ = other.receive_timeout_;
         send_timeout_ = other.send_timeout_;
         other.fd_ = -1;
@@ -75,18 +84,37 @@ Socket& Socket::operator=(Socket&& other) noexcept {
 
 int32_t Socket::connect(const std::string& host, int port, Deadline deadline) {
     close();
+    const std::string where = is_socket_path(host) ? host : host + ":" + std::to_string(port);
+    if (is_socket_path(host)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        if (host.size() >= sizeof address.sun_path) {
+            failure_ = "the socket path " + host + " is too long";
+            return KV_CONNECT_FAILED;
+        }
+        std::memcpy(address.sun_path, host.c_str(), host.size() + 1);
+        fd_ = try_address(AF_UNIX, reinterpret_cast<const sockaddr*>(&address), sizeof address, deadline);
+        if (fd_ >= 0) return KV_SUCCESS;
+        failure_ = "cannot connect to " + where + ": " + std::strerror(errno);
+        return KV_CONNECT_FAILED;
+    }
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICSERV;
     addrinfo* found = nullptr;
-    if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
+    if (const int e = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found); e != 0) {
+        failure_ = "cannot resolve " + host + ": " + gai_strerror(e);
         return KV_CONNECT_FAILED;
     }
     std::unique_ptr<addrinfo, AddrInfoFree> addresses(found);
+    failure_ = "cannot connect to " + where + ": no time left";
     for (const addrinfo* a = addresses.get(); a != nullptr && !deadline.passed(); a = a->ai_next) {
-        const int fd = try_address(a, deadline);
-        if (fd < 0) continue;
+        const int fd = try_address(a->ai_family, a->ai_addr, a->ai_addrlen, deadline);
+        if (fd < 0) {
+            failure_ = "cannot connect to " + where + ": " + std::strerror(errno);
+            continue;
+        }
         fd_ = fd;
         receive_timeout_ = send_timeout_ = Micros{0};
         const int on = 1;
@@ -98,7 +126,22 @@ int32_t Socket::connect(const std::string& host, int port, Deadline deadline) {
     return KV_CONNECT_FAILED;
 }
 
+int32_t Socket::start_tls(const TlsContext& context, const std::string& name, Deadline deadline) {
+    // TLS waits in poll(), so that a record that trickles in cannot stretch
+    // a read past the deadline as blocking reads with kernel timeouts could.
+    const int flags = fcntl(fd_, F_GETFL);
+    if (flags < 0 || fcntl(fd_, F_SETFL, flags | O_NONBLOCK) != 0) {
+        failure_ = std::string("cannot set up the socket: ") + std::strerror(errno);
+        close();
+        return KV_CONNECT_FAILED;
+    }
+    const int32_t status = TlsSession::start(fd_, context, name, deadline, &tls_, &failure_);
+    if (status != KV_SUCCESS) close();
+    return status;
+}
+
 void Socket::close() noexcept {
+    tls_.reset();  // before its socket goes
     if (fd_ >= 0) ::close(fd_);
     fd_ = -1;
 }
@@ -117,9 +160,13 @@ bool Socket::bound_wait(int option, Micros& current, Deadline deadline) {
 
 int32_t Socket::send_all(std::string_view bytes, Deadline deadline) {
     if (fd_ < 0) return KV_CONNECTION_LOST;
+    if (tls_) return tls_->send_all(bytes, deadline, &failure_);
     std::size_t done = 0;
     while (done < bytes.size()) {
-        if (!bound_wait(SO_SNDTIMEO, send_timeout_, deadline)) return KV_TIMEOUT;
+        if (!bound_wait(SO_SNDTIMEO, send_timeout_, deadline)) {
+            failure_ = "could not send within the deadline";
+            return KV_TIMEOUT;
+        }
         const ssize_t n = ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
         if (n > 0) {
             done += static_cast<std::size_t>(n);
@@ -130,6 +177,7 @@ int32_t Socket::send_all(std::string_view bytes, Deadline deadline) {
             // the deadline allows, or shorter: look again.
             send_timeout_ = Micros::zero();
         } else {
+            failure_ = std::string("the connection broke while sending: ") + std::strerror(errno);
             return KV_CONNECTION_LOST;
         }
     }
@@ -140,22 +188,34 @@ int32_t Socket::receive(char* buffer, std::size_t capacity, Deadline deadline,
                         std::size_t* received) {
     *received = 0;
     if (fd_ < 0) return KV_CONNECTION_LOST;
+    if (tls_) return tls_->receive(buffer, capacity, deadline, received, &failure_);
     for (;;) {
-        if (!bound_wait(SO_RCVTIMEO, receive_timeout_, deadline)) return KV_TIMEOUT;
+        if (!bound_wait(SO_RCVTIMEO, receive_timeout_, deadline)) {
+            failure_ = "no reply within the deadline";
+            return KV_TIMEOUT;
+        }
         const ssize_t n = ::recv(fd_, buffer, capacity, 0);
         if (n > 0) {
             *received = static_cast<std::size_t>(n);
             return KV_SUCCESS;
         }
-        if (n == 0) return KV_CONNECTION_LOST;  // the server closed its end
+        if (n == 0) {
+            failure_ = "the server closed the connection";
+            return KV_CONNECTION_LOST;
+        }
         if (errno == EINTR) continue;
-        if (errno != EAGAIN && errno != EWOULDBLOCK) return KV_CONNECTION_LOST;
+        if (errno != EAGAIN && errno != EWOULDBLOCK) {
+            failure_ = std::string("the connection broke: ") + std::strerror(errno);
+            return KV_CONNECTION_LOST;
+        }
         receive_timeout_ = Micros::zero();  // ran out: measure against the deadline again
     }
 }
 
 bool Socket::idle_and_alive() const {
-    if (fd_ < 0) return false;
+    if (fd_ < 0 || (tls_ && tls_->has_pending())) return false;
+    // Under TLS too: a server that closes sends an alert first, and nothing
+    // else arrives unasked between a reply and the next command.
     char byte;
     const ssize_t n = ::recv(fd_, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
     if (n == 0) return false;  // orderly shutdown by the server
