@@ -55,12 +55,20 @@ int32_t NodeConnection::greet(const NodeSettings& settings, Deadline deadline) {
     hello.start().arg("HELLO").arg("2");
     if (settings.credentials) hello.arg("AUTH").arg(settings.credentials->user).arg(password);
     ValueReply reply;
+    const bool tls = socket_.is_tls();  // a failed exchange closes the socket
     const Exchange done = exchange(hello.bytes(), {&reply}, deadline);
     hello.wipe();
     if (done.status != KV_SUCCESS) {
-        if (done.status == KV_CONNECTION_LOST && done.sent && !socket_.is_tls()) {
-            // A TLS server drops a plaintext client without a word.
+        // A TLS server drops a plaintext client without a word, and a client
+        // whose certificate it wants or does not trust just after the
+        // handshake (TLS 1.3), often before its alert can be read.
+        if (done.status == KV_CONNECTION_LOST && !tls) {
             failure_ = "the server closed the connection at the greeting: a TLS port? (KELVANE_TLS_MODE)";
+            return KV_TLS_FAILED;
+        }
+        if (done.status == KV_CONNECTION_LOST) {
+            failure_ = "the server closed the connection after the TLS handshake: it wants a client "
+                       "certificate, or does not trust ours (" + failure_ + ")";
             return KV_TLS_FAILED;
         }
         failure_ = "greeting: " + failure_;

@@ -84,18 +84,17 @@ Socket& Socket::operator=(Socket&& other) noexcept {
 
 int32_t Socket::connect(const std::string& host, int port, Deadline deadline) {
     close();
-    const std::string where = is_socket_path(host) ? host : host + ":" + std::to_string(port);
     if (is_socket_path(host)) {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         if (host.size() >= sizeof address.sun_path) {
-            failure_ = "the socket path " + host + " is too long";
+            failure_ = "the socket path is too long";
             return KV_CONNECT_FAILED;
         }
         std::memcpy(address.sun_path, host.c_str(), host.size() + 1);
         fd_ = try_address(AF_UNIX, reinterpret_cast<const sockaddr*>(&address), sizeof address, deadline);
         if (fd_ >= 0) return KV_SUCCESS;
-        failure_ = "cannot connect to " + where + ": " + std::strerror(errno);
+        failure_ = std::string("cannot connect: ") + std::strerror(errno);
         return KV_CONNECT_FAILED;
     }
     addrinfo hints{};
@@ -104,15 +103,15 @@ int32_t Socket::connect(const std::string& host, int port, Deadline deadline) {
     hints.ai_flags = AI_NUMERICSERV;
     addrinfo* found = nullptr;
     if (const int e = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found); e != 0) {
-        failure_ = "cannot resolve " + host + ": " + gai_strerror(e);
+        failure_ = std::string("cannot resolve the host: ") + gai_strerror(e);
         return KV_CONNECT_FAILED;
     }
     std::unique_ptr<addrinfo, AddrInfoFree> addresses(found);
-    failure_ = "cannot connect to " + where + ": no time left";
+    failure_ = "cannot connect: no time left";
     for (const addrinfo* a = addresses.get(); a != nullptr && !deadline.passed(); a = a->ai_next) {
         const int fd = try_address(a->ai_family, a->ai_addr, a->ai_addrlen, deadline);
         if (fd < 0) {
-            failure_ = "cannot connect to " + where + ": " + std::strerror(errno);
+            failure_ = std::string("cannot connect: ") + std::strerror(errno);
             continue;
         }
         fd_ = fd;

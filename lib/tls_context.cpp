@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <openssl/err.h>
+#include <openssl/x509.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -64,12 +65,13 @@ bool load(SSL_CTX* ctx, TlsCheck check, const TlsFiles& f, std::string* why) {
         return false;
     }
     SSL_CTX_set_default_passwd_cb(ctx, no_passphrase);
-    if (SSL_CTX_use_PrivateKey_file(ctx, key.c_str(), SSL_FILETYPE_PEM) != 1) {
+    const bool loaded = SSL_CTX_use_PrivateKey_file(ctx, key.c_str(), SSL_FILETYPE_PEM) == 1;
+    if (!loaded && ERR_GET_REASON(ERR_peek_last_error()) != X509_R_KEY_VALUES_MISMATCH) {
         *why = "no usable private key in " + key + " (an encrypted key is not supported): " +
                openssl_reason("unusable");
         return false;
     }
-    if (SSL_CTX_check_private_key(ctx) != 1) {
+    if (!loaded || SSL_CTX_check_private_key(ctx) != 1) {
         *why = "the key in " + key + " does not match the certificate in " + f.cert_file;
         ERR_clear_error();
         return false;
