@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -110,7 +111,7 @@ TEST(RunScript, WhatCannotBeSetUpExits2WithoutRunningZset) {
              {"--existing-server"},  // nothing listens
              {"--server-bin", empty / "no-such-server"}, {"--server-bin", "/bin/false"}, {"--library", empty.path()},
              {"--build-dir", empty.path()}, {"--timeout", "soon"}, {"--no-such-option"},
-             {"--existing-server", "--cluster"}, {"--junit", "no/such/dir/report.xml"}}) {
+             {"--existing-server", "--cluster"}, {"--existing-server", "--tls"}, {"--junit", "no/such/dir/report.xml"}}) {
         const ScriptRun r = run_script(args);
         EXPECT_EQ(r.run.exit_code, 2) << args[0] << " " << (args.size() > 1 ? args[1] : "") << "\n" << r.run.err;
         EXPECT_EQ(r.run.out, "") << args[0];
@@ -154,6 +155,36 @@ TEST(RunScript, ClusterRunFormsRunsAndTearsDownAPrivateCluster) {
     ASSERT_TRUE(r.junit.well_formed()) << r.junit.parse_error;
     EXPECT_GE(r.junit.tests, kCases);
     for (int port = 12345; port <= 12350; ++port) EXPECT_FALSE(RedisServer::listening(port)) << port;
+}
+
+// --tls: servers with TLS only that require client certificates, one or a cluster; zset, built as ever, gets its
+// settings from the environment. A plaintext client is turned away from the same port meanwhile.
+TEST(RunScript, TlsRunsOfAServerAndOfAClusterPassThroughTheEnvironment) {
+    SKIP_UNLESS_ZSET_PORT_FREE();
+    for (const auto& args : std::vector<std::vector<std::string>>{{"--tls"}, {"--tls", "--cluster"}}) {
+        const std::string what = args.size() > 1 ? "cluster" : "server";
+        bool turned_away = false;
+        TempDir cwd;
+        std::vector<std::string> argv = {std::string(KELVANE_SOURCE_DIR) + "/scripts/run-zset.sh", "--no-build",
+                                         "--build-dir", KELVANE_BUILD_DIR};
+        argv.insert(argv.end(), args.begin(), args.end());
+        CommandOptions options;
+        options.dir = cwd.path();
+        options.timeout_s = 180;
+        // zset itself, run with no settings while the script's servers are up: the port speaks TLS only.
+        options.during_after_ms = 1;
+        options.during = [&] {
+            for (int i = 0; i < 300 && !RedisServer::listening(kZsetPort); ++i) usleep(10000);
+            ZsetRunOptions plain;
+            plain.timeout_s = 60;
+            turned_away = has(run_zset(plain).out, "PASSED = 0, FAILED = 68");
+        };
+        const CommandResult r = run_command(argv, options);
+        EXPECT_EQ(r.exit_code, 0) << what << "\n" << r.err;
+        EXPECT_EQ(parse_transcript(r.out).summary, summary_line(kCases, 0)) << what;
+        EXPECT_TRUE(turned_away) << what << ": a plaintext zset was served";
+        for (int port = 12345; port <= 12350; ++port) EXPECT_FALSE(RedisServer::listening(port)) << port;
+    }
 }
 
 // ---- The installed product -----------------------------------------------------

@@ -27,8 +27,8 @@ constexpr unsigned char kMask = 0xA5;
 // Exit codes of the child.
 enum : int { kGone = 0, kLeft = 1, kNotSeenWhileLive = 2, kSetUpFailed = 3 };
 
-// How often the second half of the masked password occurs in the process's readable memory. The scratch buffer is wiped after every
-// chunk, so that it never keeps what it read.
+// How often the second half of the masked password occurs in the process's readable memory. The scratch buffer is
+// wiped after every chunk, so that it never keeps what it read.
 int occurrences(const unsigned char* masked, unsigned char* scratch, size_t scratch_size) {
     const int maps = open("/proc/self/maps", O_RDONLY), mem = open("/proc/self/mem", O_RDONLY);
     static char table[1 << 20];
@@ -100,7 +100,8 @@ int child(int admin_port, int tls_port, const char* ca) {
     const int32_t added = kv_server_add_options(c, "127.0.0.1", static_cast<uint32_t>(tls_port), &o);
     explicit_bzero(password, sizeof password);
     uint32_t n = 0;
-    if (added != KV_SUCCESS || kv_zadd(c, "k", 1, 1, "m", 1, 0) != KV_SUCCESS || kv_zcard(c, "k", 1, &n) != KV_SUCCESS) {
+    if (added != KV_SUCCESS || kv_zadd(c, "k", 1, 1, "m", 1, 0) != KV_SUCCESS ||
+        kv_zcard(c, "k", 1, &n) != KV_SUCCESS) {
         return kSetUpFailed;
     }
     const size_t scratch_size = 1 << 20;
