@@ -3,7 +3,7 @@
 #   libkelvane1     the shared library (component library)
 #   libkelvane-dev  header, libkelvane.so, kelvane.pc and the CMake package config (component development)
 #   zset            zset and zset-report (component zset)
-# The library's dependencies (libc, libstdc++, hiredis) come from dpkg-shlibdeps; the other two depend on the
+# The library's dependencies (libc, libstdc++, hiredis, OpenSSL) come from dpkg-shlibdeps; the other two depend on the
 # library package of the same version.
 set(CPACK_PACKAGE_NAME kelvane)
 set(CPACK_PACKAGE_VERSION ${KELVANE_VERSION})

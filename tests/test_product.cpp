@@ -262,8 +262,8 @@ TEST(Install, DebianPackagesCarryOneComponentEach) {
        quoted(std::string(KELVANE_BUILD_DIR) + "/CPackConfig.cmake") + " >/dev/null");
     std::string arch = ok("dpkg --print-architecture");
     arch.pop_back();
-    const std::string lib_deb = "libkelvane1_1.0.0-1_" + arch + ".deb",
-                      dev_deb = "libkelvane-dev_1.0.0-1_" + arch + ".deb", zset_deb = "zset_1.0.0-1_" + arch + ".deb";
+    const std::string lib_deb = "libkelvane1_1.1.0-1_" + arch + ".deb",
+                      dev_deb = "libkelvane-dev_1.1.0-1_" + arch + ".deb", zset_deb = "zset_1.1.0-1_" + arch + ".deb";
     EXPECT_EQ(ok("cd " + quoted(tmp.path()) + " && ls *.deb"), dev_deb + "\n" + lib_deb + "\n" + zset_deb + "\n");
     auto field = [&](const std::string& deb, const std::string& name) {
         return ok("dpkg-deb -f " + quoted(tmp / deb) + " " + name);
@@ -273,15 +273,16 @@ TEST(Install, DebianPackagesCarryOneComponentEach) {
                   "sed 's/Targets-.*[.]cmake/Targets-<build type>.cmake/' | sort");
     };
     EXPECT_NE(field(lib_deb, "Depends").find("libhiredis"), std::string::npos);
-    EXPECT_EQ(contents(lib_deb), "./usr/lib/libkelvane.so.1->libkelvane.so.1.0.0\n./usr/lib/libkelvane.so.1.0.0\n");
-    EXPECT_NE(field(dev_deb, "Depends").find("libkelvane1 (= 1.0.0-1)"), std::string::npos);
+    EXPECT_NE(field(lib_deb, "Depends").find("libssl3"), std::string::npos);
+    EXPECT_EQ(contents(lib_deb), "./usr/lib/libkelvane.so.1->libkelvane.so.1.1.0\n./usr/lib/libkelvane.so.1.1.0\n");
+    EXPECT_NE(field(dev_deb, "Depends").find("libkelvane1 (= 1.1.0-1)"), std::string::npos);
     EXPECT_EQ(contents(dev_deb),
               "./usr/include/kelvane.h\n./usr/lib/cmake/kelvane/kelvaneConfig.cmake\n"
               "./usr/lib/cmake/kelvane/kelvaneConfigVersion.cmake\n"
               "./usr/lib/cmake/kelvane/kelvaneTargets-<build type>.cmake\n"
               "./usr/lib/cmake/kelvane/kelvaneTargets.cmake\n./usr/lib/libkelvane.so->libkelvane.so.1\n"
               "./usr/lib/pkgconfig/kelvane.pc\n");
-    EXPECT_NE(field(zset_deb, "Depends").find("libkelvane1 (= 1.0.0-1)"), std::string::npos);
+    EXPECT_NE(field(zset_deb, "Depends").find("libkelvane1 (= 1.1.0-1)"), std::string::npos);
     EXPECT_EQ(contents(zset_deb), "./usr/bin/zset\n./usr/bin/zset-report\n");
 
     // Installed by dpkg into a scratch root with a database of its own (whose dependencies it cannot see), the
