@@ -19,5 +19,5 @@ void kv_client::finish_call(int32_t status) {
         const kelvane::Router::Failure& why = router.failure();
         last_error = why.status == status && !why.text.empty() ? why.text : kelvane::status_meaning(status);
     }
-    router.note_failure(KV_SUCCESS, {});
+    router.forget_failure();
 }

@@ -54,6 +54,11 @@ public:
     };
     const Failure& failure() const { return failure_; }
     void note_failure(int32_t status, std::string text) { failure_ = {status, std::move(text)}; }
+    void forget_failure() {
+        if (failure_.status == 0) return;  // the usual case, on every call: nothing to free
+        failure_.status = 0;
+        failure_.text.clear();
+    }
 
     // Sends request to the node that serves slot and reads its reply into
     // sink. KV_SUCCESS once a reply that is not an error arrived; otherwise

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -35,7 +36,8 @@ struct ScriptRun {
 
 // run-zset.sh --no-build --build-dir <this build> <args>, from a temporary working directory; the report, if
 // asked for with --junit report.xml, is read back.
-ScriptRun run_script(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
+ScriptRun run_script(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
+                     std::function<void()> meanwhile = {}) {
     TempDir cwd;
     std::vector<std::string> argv = {std::string(KELVANE_SOURCE_DIR) + "/scripts/run-zset.sh", "--no-build",
                                      "--build-dir", KELVANE_BUILD_DIR};
@@ -44,6 +46,10 @@ ScriptRun run_script(const std::vector<std::string>& args, const std::vector<std
     options.dir = cwd.path();
     options.env = env;
     options.timeout_s = 180;
+    if (meanwhile) {
+        options.during_after_ms = 1;
+        options.during = std::move(meanwhile);
+    }
     ScriptRun r{run_command(argv, options), {}};
     if (fs::exists(cwd / "report.xml")) r.junit = read_junit(read_file(cwd / "report.xml"));
     else r.junit.parse_error = "no report";
@@ -164,24 +170,15 @@ TEST(RunScript, TlsRunsOfAServerAndOfAClusterPassThroughTheEnvironment) {
     for (const auto& args : std::vector<std::vector<std::string>>{{"--tls"}, {"--tls", "--cluster"}}) {
         const std::string what = args.size() > 1 ? "cluster" : "server";
         bool turned_away = false;
-        TempDir cwd;
-        std::vector<std::string> argv = {std::string(KELVANE_SOURCE_DIR) + "/scripts/run-zset.sh", "--no-build",
-                                         "--build-dir", KELVANE_BUILD_DIR};
-        argv.insert(argv.end(), args.begin(), args.end());
-        CommandOptions options;
-        options.dir = cwd.path();
-        options.timeout_s = 180;
         // zset itself, run with no settings while the script's servers are up: the port speaks TLS only.
-        options.during_after_ms = 1;
-        options.during = [&] {
+        const ScriptRun r = run_script(args, {}, [&] {
             for (int i = 0; i < 300 && !RedisServer::listening(kZsetPort); ++i) usleep(10000);
             ZsetRunOptions plain;
             plain.timeout_s = 60;
             turned_away = has(run_zset(plain).out, "PASSED = 0, FAILED = 68");
-        };
-        const CommandResult r = run_command(argv, options);
-        EXPECT_EQ(r.exit_code, 0) << what << "\n" << r.err;
-        EXPECT_EQ(parse_transcript(r.out).summary, summary_line(kCases, 0)) << what;
+        });
+        EXPECT_EQ(r.run.exit_code, 0) << what << "\n" << r.run.err;
+        EXPECT_EQ(parse_transcript(r.run.out).summary, summary_line(kCases, 0)) << what;
         EXPECT_TRUE(turned_away) << what << ": a plaintext zset was served";
         for (int port = 12345; port <= 12350; ++port) EXPECT_FALSE(RedisServer::listening(port)) << port;
     }

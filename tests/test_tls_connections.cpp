@@ -17,8 +17,6 @@ namespace {
 // The bound of a (1, 2, 2) client, 4 s, with a margin for a loaded machine.
 constexpr double kBound = 4.0 + 1.5;
 
-bool contains(const char* text, const std::string& part) { return std::string(text).find(part) != std::string::npos; }
-
 using TlsModes = TlsTest;
 using CertificateChecks = TlsTest;
 using ClientCertificates = TlsTest;

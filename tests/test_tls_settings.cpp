@@ -10,8 +10,6 @@
 namespace kelvane_test {
 namespace {
 
-bool contains(const char* text, const std::string& part) { return std::string(text).find(part) != std::string::npos; }
-
 using BadSettings = TlsTest;
 using Environment = TlsTest;
 using UnixSocket = TlsTest;

@@ -58,6 +58,10 @@ int32_t within(double bound, Call call) {
     return status;
 }
 
+inline bool contains(const char* text, const std::string& part) {
+    return std::string(text).find(part) != std::string::npos;
+}
+
 class TlsTest : public ::testing::Test {
 protected:
     void SetUp() override {
