@@ -2,25 +2,30 @@
 #include "tls_context.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/x509.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 namespace kelvane {
 namespace {
 
-// A file the settings name must be there and readable; OpenSSL's own errors
-// for a missing file say less.
+// A file the settings name must be a readable regular file; OpenSSL's own
+// errors for a missing file say less, and a FIFO would make it wait for a
+// writer, with no deadline.
 bool readable(const std::string& path, const char* what, std::string* why) {
-    std::FILE* f = std::fopen(path.c_str(), "rb");
-    if (f != nullptr) {
-        std::fclose(f);
-        return true;
-    }
-    *why = std::string("cannot read the ") + what + " " + path + ": " + std::strerror(errno);
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat st {};
+    const bool regular = fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    const int error = errno;
+    if (fd >= 0) ::close(fd);
+    if (regular) return true;
+    *why = std::string("cannot read the ") + what + " " + path + ": " +
+           (fd >= 0 ? "not a regular file" : std::strerror(error));
     return false;
 }
 

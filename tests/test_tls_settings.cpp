@@ -1,6 +1,8 @@
 // Settings and what the client says about failures: settings that cannot be used (the seed is not registered);
 // credentials and TLS from the environment, the caller's settings winning field by field; Unix socket seeds; the
 // names of statuses, kv_last_error and the version.
+#include <sys/stat.h>
+
 #include <string>
 #include <vector>
 
@@ -19,6 +21,9 @@ TEST_F(BadSettings, AreRefusedWithTheReasonAndTheSeedIsNotRegistered) {
     const auto server = tls_server(certs_.server());
     const TempDir scratch;
     const std::string missing = scratch / "missing.pem", not_a_cert = certs_.other_key(), key = certs_.other_key();
+    // A FIFO cannot be read without a writer: reading it would wait for one.
+    const std::string fifo = scratch / "ca.fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     const CertPair mine = certs_.client();
     struct Case {
         const char* what;
@@ -34,6 +39,7 @@ TEST_F(BadSettings, AreRefusedWithTheReasonAndTheSeedIsNotRegistered) {
     const std::vector<Case> cases = {
         {"missing CA file", {}, with([&](auto& o) { o.tls_ca_file = missing.c_str(); }), missing},
         {"CA file without a certificate", {}, with([&](auto& o) { o.tls_ca_file = not_a_cert.c_str(); }), not_a_cert},
+        {"CA file that is a FIFO", {}, with([&](auto& o) { o.tls_ca_file = fifo.c_str(); }), "not a regular file"},
         {"missing CA directory", {}, with([&](auto& o) { o.tls_ca_dir = missing.c_str(); }), missing},
         {"missing certificate", {}, with([&](auto& o) { o.tls_cert_file = missing.c_str(); }), missing},
         {"missing key", {}, with([&](auto& o) {
@@ -57,7 +63,8 @@ TEST_F(BadSettings, AreRefusedWithTheReasonAndTheSeedIsNotRegistered) {
         const ScopedEnv env(std::initializer_list<std::pair<const char*, const char*>>{});
         for (const auto& [name, value] : k.env) setenv(name, value, 1);
         kv_client* c = client();
-        EXPECT_EQ(kv_server_add_options(c, "127.0.0.1", server->port(), &k.options), KV_BAD_SETTINGS);
+        EXPECT_EQ(within(5, [&] { return kv_server_add_options(c, "127.0.0.1", server->port(), &k.options); }),
+                  KV_BAD_SETTINGS);
         EXPECT_TRUE(contains(kv_last_error(c), k.reason)) << kv_last_error(c);
         EXPECT_EQ(kv_zadd(c, "k", 1, 1, "m", 1, 0), KV_NO_SERVER);
         for (const auto& [name, value] : k.env) unsetenv(name);
