@@ -7,7 +7,7 @@
 #   --server  also redis-server (and redis-cli), for runs against Debian's Redis
 #   --cli     also redis-cli alone, for a cluster of another server program
 #   --tests   also what the tests and benchmarks need (GoogleTest, Google Benchmark, valgrind, libxml2, dpkg-dev,
-#             file, redis-server)
+#             file, redis-server, strace, iproute2, lintian)
 # On a machine without apt (another distribution, a prepared CI image) nothing is installed and the build uses
 # what is there. Progress goes to standard error, so that a caller's standard output stays its own.
 set -euo pipefail
@@ -17,7 +17,7 @@ packages=(g++ cmake make pkg-config libhiredis-dev)
 while (($#)); do
   case $1 in
     --tests) packages+=(redis-server redis-tools libgtest-dev libbenchmark-dev valgrind libxml2-dev dpkg-dev file
-                      strace iproute2) ;;
+                      strace iproute2 lintian) ;;
     --server) packages+=(redis-server redis-tools) ;;
     --cli) packages+=(redis-tools) ;;
     -*) echo "setup: unknown option $1" >&2; exit 2 ;;

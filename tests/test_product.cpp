@@ -2,15 +2,18 @@
 // zset's transcript on standard output byte for byte, the failed cases on standard error, the JUnit report and the
 // exit status (0 clean, 1 failed or incomplete, 2 cannot set up, before zset runs) with each of its options.
 // `cmake --install` into a prefix that is then moved: C programs built through pkg-config and find_package, and its
-// zset, run against its library. `cpack -G DEB`: three packages, one component each. Each test process has a
-// network of its own.
+// zset, run against its library. `cpack -G DEB` from a build configured for /usr: packages as Debian users expect
+// them, lintian finds no error. Each test process has a network of its own.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <regex>
+#include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "command_runner.h"
@@ -195,43 +198,96 @@ TEST(Install, AMovedPrefixServesPkgConfigAndFindPackageConsumersAndZset) {
               "zset-report: PASSED, 68 of 68 cases passed\n");
 }
 
-TEST(Install, DebianPackagesCarryOneComponentEach) {
+std::string first_line(const std::string& text) { return text.substr(0, text.find('\n')); }
+
+// Debian packages come from a build configured as Debian's own builds are: prefix /usr, where GNUInstallDirs gives
+// the multiarch library directory, and debug information to split off. This build, for /usr/local, is refused.
+TEST(Install, DebianPackagesAreStrippedMultiarchDocumentedAndLintianClean) {
     TempDir tmp;
-    ok("cd " + quoted(tmp.path()) + " && " + KELVANE_CPACK + " -G DEB --config " +
-       quoted(std::string(KELVANE_BUILD_DIR) + "/CPackConfig.cmake") + " >/dev/null");
-    std::string arch = ok("dpkg --print-architecture");
-    arch.pop_back();
-    const std::string lib_deb = "libkelvane1_1.0.0-1_" + arch + ".deb",
-                      dev_deb = "libkelvane-dev_1.0.0-1_" + arch + ".deb", zset_deb = "zset_1.0.0-1_" + arch + ".deb";
-    EXPECT_EQ(ok("cd " + quoted(tmp.path()) + " && ls *.deb"), dev_deb + "\n" + lib_deb + "\n" + zset_deb + "\n");
+    CommandOptions in_tmp;
+    in_tmp.dir = tmp.path();
+    const CommandResult refused =
+        run_command({KELVANE_CPACK, "-G", "DEB", "--config", std::string(KELVANE_BUILD_DIR) + "/CPackConfig.cmake"},
+                    in_tmp);
+    EXPECT_NE(refused.exit_code, 0);
+    EXPECT_TRUE(has(refused.out + refused.err, "-DCMAKE_INSTALL_PREFIX=/usr")) << refused.out << refused.err;
+
+    const std::string build = tmp / "build";
+    ok(std::string(KELVANE_CMAKE) + " -S " + quoted(KELVANE_SOURCE_DIR) + " -B " + quoted(build) +
+       " -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKELVANE_TESTS=OFF -DKELVANE_BENCH=OFF"
+       " -DKELVANE_EXAMPLES=OFF -DCMAKE_C_COMPILER=" + quoted(KELVANE_C_COMPILER) + " -DCMAKE_CXX_COMPILER=" +
+       quoted(KELVANE_CXX_COMPILER) + " >/dev/null && " + KELVANE_CMAKE + " --build " + quoted(build) +
+       " -j2 >/dev/null && cd " + quoted(build) + " && " + KELVANE_CPACK + " -G DEB >/dev/null");
+    const std::string arch = first_line(ok("dpkg --print-architecture")),
+                      libdir = "./usr/lib/" + first_line(ok("dpkg-architecture -qDEB_HOST_MULTIARCH")) + "/",
+                      tail = "_1.0.0-1_" + arch;
+    const std::string lib_deb = "libkelvane1" + tail + ".deb", dev_deb = "libkelvane-dev" + tail + ".deb",
+                      zset_deb = "zset" + tail + ".deb", lib_dbg = "libkelvane1-dbgsym" + tail + ".ddeb",
+                      zset_dbg = "zset-dbgsym" + tail + ".ddeb";
+    EXPECT_EQ(ok("cd " + quoted(build) + " && ls *.deb *.ddeb"),
+              dev_deb + "\n" + lib_dbg + "\n" + lib_deb + "\n" + zset_dbg + "\n" + zset_deb + "\n");
     auto field = [&](const std::string& deb, const std::string& name) {
-        return ok("dpkg-deb -f " + quoted(tmp / deb) + " " + name);
+        return ok("dpkg-deb -f " + quoted(build + "/" + deb) + " " + name);
     };
+    // Files and links (as path->target), without directories.
     auto contents = [&](const std::string& deb) {
-        return ok("dpkg-deb -c " + quoted(tmp / deb) + " | awk '{ print $6 $7 $8 }' | grep -v '/$' | "
+        return ok("dpkg-deb -c " + quoted(build + "/" + deb) + " | awk '{ print $6 $7 $8 }' | grep -v '/$' | "
                   "sed 's/Targets-.*[.]cmake/Targets-<build type>.cmake/' | sort");
     };
-    EXPECT_NE(field(lib_deb, "Depends").find("libhiredis"), std::string::npos);
-    EXPECT_EQ(contents(lib_deb), "./usr/lib/libkelvane.so.1->libkelvane.so.1.0.0\n./usr/lib/libkelvane.so.1.0.0\n");
-    EXPECT_NE(field(dev_deb, "Depends").find("libkelvane1 (= 1.0.0-1)"), std::string::npos);
-    EXPECT_EQ(contents(dev_deb),
-              "./usr/include/kelvane.h\n./usr/lib/cmake/kelvane/kelvaneConfig.cmake\n"
-              "./usr/lib/cmake/kelvane/kelvaneConfigVersion.cmake\n"
-              "./usr/lib/cmake/kelvane/kelvaneTargets-<build type>.cmake\n"
-              "./usr/lib/cmake/kelvane/kelvaneTargets.cmake\n./usr/lib/libkelvane.so->libkelvane.so.1\n"
-              "./usr/lib/pkgconfig/kelvane.pc\n");
-    EXPECT_NE(field(zset_deb, "Depends").find("libkelvane1 (= 1.0.0-1)"), std::string::npos);
-    EXPECT_EQ(contents(zset_deb), "./usr/bin/zset\n./usr/bin/zset-report\n");
+    auto docs = [](const std::string& package) {
+        return "./usr/share/doc/" + package + "/changelog.Debian.gz\n./usr/share/doc/" + package + "/copyright\n";
+    };
+    EXPECT_TRUE(has(field(lib_deb, "Depends"), "libhiredis"));
+    EXPECT_EQ(contents(lib_deb), libdir + "libkelvane.so.1->libkelvane.so.1.0.0\n" + libdir + "libkelvane.so.1.0.0\n" +
+                                     docs("libkelvane1"));
+    EXPECT_TRUE(has(field(dev_deb, "Depends"), "libkelvane1 (= 1.0.0-1)"));
+    EXPECT_EQ(contents(dev_deb), "./usr/include/kelvane.h\n" + libdir + "cmake/kelvane/kelvaneConfig.cmake\n" + libdir +
+                                     "cmake/kelvane/kelvaneConfigVersion.cmake\n" + libdir +
+                                     "cmake/kelvane/kelvaneTargets-<build type>.cmake\n" + libdir +
+                                     "cmake/kelvane/kelvaneTargets.cmake\n" + libdir + "libkelvane.so->libkelvane.so.1\n" +
+                                     libdir + "pkgconfig/kelvane.pc\n" + docs("libkelvane-dev"));
+    EXPECT_TRUE(has(field(zset_deb, "Depends"), "libkelvane1 (= 1.0.0-1)"));
+    EXPECT_EQ(contents(zset_deb), "./usr/bin/zset\n./usr/bin/zset-report\n" + docs("zset"));
+    // The programs' debug information, by build id, with a link to their package's documentation.
+    for (const auto& [dbg, package, programs] :
+         std::vector<std::tuple<std::string, std::string, int>>{{lib_dbg, "libkelvane1", 1}, {zset_dbg, "zset", 2}}) {
+        EXPECT_TRUE(has(field(dbg, "Depends"), package + " (= 1.0.0-1)"));
+        const std::vector<std::string> files = lines_of(contents(dbg));
+        ASSERT_EQ(files.size(), static_cast<size_t>(programs + 1)) << dbg;
+        for (int k = 0; k < programs; ++k) {
+            EXPECT_TRUE(std::regex_match(files[k], std::regex("[.]/usr/lib/debug/[.]build-id/../[0-9a-f]+[.]debug")));
+        }
+        EXPECT_EQ(files.back(), "./usr/share/doc/" + package + "-dbgsym->" + package);
+    }
+
+    // One description each; the copyright file in the machine-readable format; Installed-Size as dpkg measures:
+    // each file's size in KiB rounded up, 1 for each directory and link.
+    EXPECT_EQ((std::set<std::string>{first_line(field(lib_deb, "Description")), first_line(field(dev_deb, "Description")),
+                                     first_line(field(zset_deb, "Description"))}.size()),
+              3u);
+    EXPECT_TRUE(has(ok("dpkg-deb --fsys-tarfile " + quoted(build + "/" + zset_deb) +
+                       " | tar -xO ./usr/share/doc/zset/copyright"),
+                    "Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/\n"
+                    "Upstream-Name: kelvane\n"));
+    for (const std::string& deb : {lib_deb, dev_deb, zset_deb, lib_dbg, zset_dbg}) {
+        EXPECT_EQ(field(deb, "Installed-Size"),
+                  ok("dpkg-deb -c " + quoted(build + "/" + deb) +
+                     " | awk '$6 != \"./\" { kib += $1 ~ /^-/ ? int(($3 + 1023) / 1024) : 1 } END { print kib }'"))
+            << deb;
+    }
+    // Stripped programs, copyright files, changelogs, descriptions and the rest of Debian's rules: no lintian error.
+    ok("cd " + quoted(build) + " && lintian --fail-on error *.deb *.ddeb 2>&1");
 
     // Installed by dpkg into a scratch root with a database of its own (whose dependencies it cannot see), the
     // packaged zset finds the packaged library.
     const std::string root = tmp / "root";
     ok("mkdir -p " + quoted(root + "/var/lib/dpkg/info") + " && touch " + quoted(root + "/var/lib/dpkg/status") +
-       " && dpkg --root=" + quoted(root) + " --force-depends --force-script-chrootless -i " + quoted(tmp.path()) +
-       "/*.deb >/dev/null");
+       " && cd " + quoted(build) + " && dpkg --root=" + quoted(root) +
+       " --force-depends --force-script-chrootless -i *.deb *.ddeb >/dev/null");
     EXPECT_EQ(ok("dpkg-query --root=" + quoted(root) + " -W -f='${Package} ${Status}\\n' | sort"),
-              "libkelvane-dev install ok installed\nlibkelvane1 install ok installed\nzset install ok installed\n");
-    EXPECT_EQ(loaded_library(root + "/usr/bin/zset"), root + "/usr/bin/../lib/libkelvane.so.1");
+              "libkelvane-dev install ok installed\nlibkelvane1 install ok installed\n"
+              "libkelvane1-dbgsym install ok installed\nzset install ok installed\nzset-dbgsym install ok installed\n");
+    EXPECT_EQ(loaded_library(root + "/usr/bin/zset"), root + "/usr/bin/../" + libdir.substr(6) + "libkelvane.so.1");
 }
 
 }  // namespace
