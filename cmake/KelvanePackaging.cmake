@@ -117,7 +117,8 @@ endif()
 # Only the packages carry them (EXCLUDE_FROM_ALL: a plain `cmake --install` leaves them out).
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   string(TOUPPER ${component} upper)
-  install(FILES ${kelvane_package_docs} DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME}
+  install(FILES ${kelvane_package_docs}
+          DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME}
           COMPONENT ${component} EXCLUDE_FROM_ALL)
 endforeach()
 

@@ -152,7 +152,8 @@ if ((existing)); then
   echo "run-zset: using the server that listens on 127.0.0.1:12345" >&2
 else
   if [ -z "$server_bin" ]; then
-    server_bin=$(cd "$caller_dir" && type -P redis-server) || fail_setup "no redis-server on PATH (or give --server-bin)"
+    server_bin=$(cd "$caller_dir" && type -P redis-server) ||
+      fail_setup "no redis-server on PATH (or give --server-bin)"
     server_bin=$(absolute "$server_bin")
   fi
   [ -x "$server_bin" ] || fail_setup "cannot run the server program $server_bin"

@@ -1,9 +1,10 @@
 // test_report.cpp -- zset-report on transcripts of real zset runs (clean, with a fault from fault_injector.cpp,
-// stopped half-way through the run script by its timeout or a crash) and on transcripts no correct run prints: cut off at every line, with failure lines outside any case, carrying
-// binary junk or other output, retitled, miscounted, with CRLF line ends; and on bad arguments. Whatever the bytes,
-// the JUnit report must be well-formed XML whose counts agree with its testcases, one testcase per zset case
-// grouped by suite, failure lines as messages; the listing names every case that did not pass; and only a
-// complete, clean run of zset's own 68 cases exits 0 (1 otherwise, 2 when it cannot do its job).
+// stopped half-way through the run script by its timeout or a crash) and on transcripts no correct run prints: cut
+// off at every line, with failure lines outside any case, carrying binary junk or other output, retitled,
+// miscounted, with CRLF line ends; and on bad arguments. Whatever the bytes, the JUnit report must be well-formed
+// XML whose counts agree with its testcases, one testcase per zset case grouped by suite, failure lines as
+// messages; the listing names every case that did not pass; and only a complete, clean run of zset's own 68 cases
+// exits 0 (1 otherwise, 2 when it cannot do its job).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -175,8 +176,8 @@ TEST(ReportOfRuns, ARunStoppedHalfWayKeepsEveryLineZsetPrinted) {
         const size_t finished = std::count_if(ran.begin(), ran.end(), [](auto& c) { return c.passed; });
         ASSERT_EQ(ran.size(), finished + 1) << "one case cut off";
         EXPECT_GT(finished, 10u);
-        EXPECT_TRUE(has(r.run.err, "zset-report: FAILED, " + std::to_string(finished) + " of 68 cases passed, 1 cut off, " +
-                                       std::to_string(kCases - finished - 1) + " not run"))
+        EXPECT_TRUE(has(r.run.err, "zset-report: FAILED, " + std::to_string(finished) + " of 68 cases passed, 1 cut " +
+                                       "off, " + std::to_string(kCases - finished - 1) + " not run"))
             << r.run.err;
         ASSERT_TRUE(r.junit.well_formed()) << r.junit.parse_error;
         ASSERT_GE(r.junit.cases.size(), static_cast<size_t>(kCases));
