@@ -201,16 +201,18 @@ TEST(Install, AMovedPrefixServesPkgConfigAndFindPackageConsumersAndZset) {
 std::string first_line(const std::string& text) { return text.substr(0, text.find('\n')); }
 
 // Debian packages come from a build configured as Debian's own builds are: prefix /usr, where GNUInstallDirs gives
-// the multiarch library directory, and debug information to split off. This build, for /usr/local, is refused.
+// the multiarch library directory, and debug information to split off. A build for another prefix (this one, as a
+// rule) is refused.
 TEST(Install, DebianPackagesAreStrippedMultiarchDocumentedAndLintianClean) {
     TempDir tmp;
-    CommandOptions in_tmp;
-    in_tmp.dir = tmp.path();
-    const CommandResult refused =
-        run_command({KELVANE_CPACK, "-G", "DEB", "--config", std::string(KELVANE_BUILD_DIR) + "/CPackConfig.cmake"},
-                    in_tmp);
-    EXPECT_NE(refused.exit_code, 0);
-    EXPECT_TRUE(has(refused.out + refused.err, "-DCMAKE_INSTALL_PREFIX=/usr")) << refused.out << refused.err;
+    if (std::string(KELVANE_INSTALL_PREFIX) != "/usr") {
+        CommandOptions in_tmp;
+        in_tmp.dir = tmp.path();
+        const CommandResult refused = run_command(
+            {KELVANE_CPACK, "-G", "DEB", "--config", std::string(KELVANE_BUILD_DIR) + "/CPackConfig.cmake"}, in_tmp);
+        EXPECT_NE(refused.exit_code, 0);
+        EXPECT_TRUE(has(refused.out + refused.err, "-DCMAKE_INSTALL_PREFIX=/usr")) << refused.out << refused.err;
+    }
 
     const std::string build = tmp / "build";
     ok(std::string(KELVANE_CMAKE) + " -S " + quoted(KELVANE_SOURCE_DIR) + " -B " + quoted(build) +
