@@ -194,6 +194,14 @@ private:
     kv_client* client_;
 };
 
+// Expects kv_zscore of member in key to give score and value.
+inline void expect_scored(KvClient& client, const std::string& key, const std::string& member, double score,
+                          const std::string& value) {
+    const KvClient::Scored got = client.zscore(key, member);
+    EXPECT_TRUE(got.status == KV_SUCCESS && got.score == score && got.value == value)
+        << member << ": status " << got.status << ", score " << got.score << ", value " << got.value.value_or("-");
+}
+
 }  // namespace kelvane_test
 
 #endif  // KELVANE_TESTS_REDIS_CLUSTER_H

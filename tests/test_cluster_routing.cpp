@@ -20,13 +20,6 @@ namespace {
 
 using namespace std::string_literals;
 
-void expect_scored(KvClient& client, const std::string& key, const std::string& member, double score,
-                   const std::string& value) {
-    const KvClient::Scored got = client.zscore(key, member);
-    EXPECT_TRUE(got.status == KV_SUCCESS && got.score == score && got.value == value)
-        << member << ": status " << got.status << ", score " << got.score << ", value " << got.value.value_or("-");
-}
-
 // Writes and reads of a key that has no values hash, with member added at score: answered at once, where a call
 // that waited would end with KV_TRY_AGAIN at its bound.
 void expect_served_without_values(KvClient& client, const std::string& key, const std::string& member, double score) {

@@ -13,13 +13,6 @@
 namespace kelvane_test {
 namespace {
 
-void expect_scored(KvClient& client, const std::string& key, const std::string& member, double score,
-                   const std::string& value) {
-    const KvClient::Scored got = client.zscore(key, member);
-    EXPECT_TRUE(got.status == KV_SUCCESS && got.score == score && got.value == value)
-        << member << ": status " << got.status << ", score " << got.score << ", value " << got.value.value_or("-");
-}
-
 bool listed_without_address_everywhere(const RedisCluster& cluster) {
     for (int port : cluster.ports()) {
         if (!cluster.lists_master_without_address(port)) return false;

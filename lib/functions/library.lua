@@ -9,12 +9,12 @@
 -- replace each other's. docs/data-layout.md describes the keys.
 --
 -- KEYS[1] is the main key: a sorted set (for kv_sadd a plain set); KEYS[2]
--- the values hash, member -> value (values_key() says when it is missing).
--- Writes take the time-to-live first: the
--- seconds, then "1" when committed. Scores arrive as %.17g text and leave as
--- Redis's own text of a stored score (exact) or through score_text(), never
--- through Lua's number-to-text (14 digits). Replies are arrays whose first
--- element is the status, numbered as in the client header.
+-- the values hash, member -> value, except while a slot migrates
+-- (values_key()). Writes take the time-to-live first: the seconds, then "1"
+-- when committed. Scores arrive as %.17g text and leave as Redis's own text
+-- of a stored score (exact) or through score_text(), never through Lua's
+-- number-to-text (14 digits). Replies are arrays whose first element is the
+-- status, numbered as in the client header.
 --
 -- A server command costs about as much inside a function as a native one,
 -- and FCALL itself about three, so each function makes as few as it can:

@@ -9,7 +9,6 @@ local function absent_or(main, status)
   return { status }
 end
 
--- kv_zscore: member
 -- A member's value, false for none, or the error for a values hash of
 -- another kind.
 local function value_of(keys, member)
@@ -17,6 +16,7 @@ local function value_of(keys, member)
   return vals and redis.pcall('HGET', vals, member) or false
 end
 
+-- kv_zscore: member
 local function zscore(keys, args)
   local score = redis.pcall('ZSCORE', keys[1], args[1])
   if type(score) ~= 'string' then return score and refused(score) or absent_or(keys[1], NO_SET_KEY) end
