@@ -190,11 +190,13 @@ void kv_client_destroy(kv_client *client);
  *   the master of its key's slot, following the cluster through slot
  *   migrations and failovers. Nodes the cluster names are given the
  *   credentials of the first seed that has some.
- * A seed stays registered when the connection fails: later calls try it
- * again, and the status says why this attempt failed (kv_last_error() in
- * words). Settings that cannot be used give KV_BAD_SETTINGS and register
- * nothing. The same host and port twice gives KV_ALREADY_EXISTS; a
- * standalone server next to a cluster gives KV_INVALID_PARAMETER. */
+ * A seed is registered before its connection is tried and stays registered
+ * whatever the attempt meets: later calls try it again, and the status says
+ * why this attempt failed (kv_last_error() in words; KV_CLUSTER_DOWN for a
+ * cluster node that serves no slot, while no seed has given the slot map).
+ * Settings that cannot be used give KV_BAD_SETTINGS and register nothing.
+ * The same host and port twice gives KV_ALREADY_EXISTS; a standalone server
+ * next to a cluster gives KV_INVALID_PARAMETER. */
 int32_t kv_server_add(kv_client *client, const char *host, uint32_t port,
                       const kv_credentials *credentials);
 

@@ -76,7 +76,7 @@ int32_t ensure_function_library(NodeConnection& connection, Deadline deadline) {
 
 Request& start_function_call(Request& request, std::string_view op, const char* key,
                              std::size_t key_len) {
-    request.start().arg("FCALL").arg_joined(kFunctionLibraryName, "_", op).arg("2");
+    request.start().arg("FCALL").arg_joined(kFunctionLibraryName, "_", op).key_count(2);
     request.server_key(key, key_len, "").server_key(key, key_len, kValuesSuffix);
     return request;
 }

@@ -12,6 +12,7 @@ namespace kelvane {
 Request& Request::start() {
     buffer_.assign(kHeaderRoom, ' ');
     argc_ = 0;
+    count_from_ = count_to_ = key_count_ = values_from_ = values_to_ = main_at_ = main_len_ = 0;
     return *this;
 }
 
@@ -21,12 +22,21 @@ void Request::wipe() noexcept {
     argc_ = 0;
 }
 
-void Request::bulk_header(std::size_t len) {
+namespace {
+
+// "<kind><n>\r\n": an array header ('*') or a bulk string's ('$').
+void append_length_line(std::string& out, char kind, std::size_t n) {
     char digits[24];
-    const auto end = std::to_chars(digits, digits + sizeof digits, len).ptr;
-    buffer_ += '$';
-    buffer_.append(digits, end);
-    buffer_ += "\r\n";
+    const auto end = std::to_chars(digits, digits + sizeof digits, n).ptr;
+    out += kind;
+    out.append(digits, end);
+    out += "\r\n";
+}
+
+}  // namespace
+
+void Request::bulk_header(std::size_t len) {
+    append_length_line(buffer_, '$', len);
     ++argc_;
 }
 
@@ -57,11 +67,53 @@ Request& Request::integer(long long value) {
 }
 
 Request& Request::server_key(const char* key, std::size_t key_len, std::string_view suffix) {
-    bulk_header(server_key_length(key, key_len) + suffix.size());
+    const std::size_t from = buffer_.size();
+    const std::size_t len = server_key_length(key, key_len) + suffix.size();
+    bulk_header(len);
+    const std::size_t name_at = buffer_.size();
     append_server_key(buffer_, key, key_len);
     buffer_.append(suffix);
     buffer_ += "\r\n";
+    if (suffix == kValuesSuffix && main_len_ != 0) {
+        values_from_ = from;
+        values_to_ = buffer_.size();
+    } else if (suffix.empty() && main_len_ == 0) {
+        main_at_ = name_at;
+        main_len_ = len;
+    }
     return *this;
+}
+
+Request& Request::key_count(std::size_t n) {
+    count_from_ = buffer_.size();
+    integer(static_cast<long long>(n));
+    count_to_ = buffer_.size();
+    key_count_ = n;
+    return *this;
+}
+
+std::string_view Request::values_key() const {
+    // The argument without its "$<len>\r\n" header and its "\r\n".
+    const std::string_view arg = std::string_view(buffer_).substr(values_from_, values_to_ - values_from_);
+    const std::size_t name_at = arg.find("\r\n") + 2;
+    return arg.substr(name_at, arg.size() - name_at - 2);
+}
+
+std::string_view Request::main_key_only() {
+    std::string& out = main_key_only_;
+    out.clear();
+    append_length_line(out, '*', argc_ - 1);
+    std::size_t at = kHeaderRoom;
+    if (count_to_ != 0) {
+        out.append(buffer_, at, count_from_ - at);
+        const std::string count = std::to_string(key_count_ - 1);
+        append_length_line(out, '$', count.size());
+        out.append(count).append("\r\n");
+        at = count_to_;
+    }
+    out.append(buffer_, at, values_from_ - at);
+    out.append(buffer_, values_to_, std::string::npos);
+    return out;
 }
 
 std::string_view Request::bytes() {

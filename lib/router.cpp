@@ -1,4 +1,4 @@
-// router.cpp -- routing, redirections, retries and slot-map refreshes.
+// router.cpp -- seeds, routing, redirections and retries.
 #include "router.h"
 
 #include <algorithm>
@@ -13,9 +13,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// A MOVED storm (a resharding) patches the map slot by slot; the whole map
-// is asked for again at most this often.
-constexpr milliseconds kRefreshSpacing{100};
 // Redirections one call follows before it starts to back off: a cluster in
 // the middle of a change may bounce a command between nodes for a while.
 constexpr int kFreeRedirections = 8;
@@ -37,12 +34,6 @@ private:
 
 bool is_transport(int32_t status) {
     return status == KV_CONNECT_FAILED || status == KV_TIMEOUT || status == KV_CONNECTION_LOST;
-}
-
-std::string asking_then(std::string_view request) {
-    std::string bytes = "*1\r\n$6\r\nASKING\r\n";
-    bytes.append(request);
-    return bytes;
 }
 
 }  // namespace
@@ -106,20 +97,32 @@ int32_t Router::add_seed(const Endpoint& seed, std::shared_ptr<const NodeSetting
             return KV_ALREADY_EXISTS;
         }
     }
+    // Everything that may run out of memory comes before the seed is
+    // registered, and registering it cannot fail: once in, it stays.
+    seeds_.reserve(seeds_.size() + 1);
     Node& n = node(seed);
     n.settings = std::move(settings);
+    seeds_.push_back(&n);
+
     const NodeMode before = mode_;
-    const int32_t status = connect(n, deadline, settings_.connect_attempts);
+    int32_t status = KV_CONNECT_FAILED;
+    try {
+        status = connect(n, deadline, settings_.connect_attempts);
+    } catch (...) {
+        n.connection.close();  // whatever it had read is out of step now
+        throw;
+    }
     if (status == KV_SUCCESS && before != NodeMode::unknown && n.connection.mode() != before) {
-        // A standalone server cannot stand in for a cluster.
+        seeds_.pop_back();  // a standalone server cannot stand in for a cluster
         note(KV_INVALID_PARAMETER, n, describe(seed) + (before == NodeMode::cluster
                                                             ? " is a standalone server, the others a cluster"
                                                             : " is a cluster node, the others standalone"));
         return KV_INVALID_PARAMETER;
     }
-    seeds_.push_back(&n);
     if (status != KV_SUCCESS) return status;
-    if (mode_ == NodeMode::cluster && !map_loaded_) return refresh(deadline, nullptr);
+    // This seed answered just now: it is asked first, so that a silent seed
+    // given before it costs nothing.
+    if (mode_ == NodeMode::cluster && !map_loaded_) return refresh(deadline, nullptr, &n);
     return KV_SUCCESS;
 }
 
@@ -154,48 +157,6 @@ Router::Node* Router::route(uint16_t slot, Deadline deadline, int32_t* status) {
     return &node(*master);
 }
 
-int32_t Router::refresh(Deadline deadline, const Node* avoid) {
-    if (map_loaded_ && Clock::now() - last_refresh_ < kRefreshSpacing) return KV_SUCCESS;
-    std::vector<Endpoint> candidates = map_.nodes();
-    for (const Node* seed : seeds_) {
-        if (std::find(candidates.begin(), candidates.end(), seed->endpoint) == candidates.end()) {
-            candidates.push_back(seed->endpoint);
-        }
-    }
-    if (avoid != nullptr) {
-        // The node that just failed is asked last.
-        std::stable_partition(candidates.begin(), candidates.end(),
-                              [&](const Endpoint& e) { return e != avoid->endpoint; });
-    }
-    Request slots;
-    slots.start().arg("CLUSTER").arg("SLOTS");
-    int32_t status = KV_CONNECT_FAILED;
-    for (const Endpoint& endpoint : candidates) {
-        if (deadline.passed()) break;
-        Node& n = node(endpoint);
-        status = connect(n, deadline, 1);
-        if (status != KV_SUCCESS) continue;
-        ValueReply reply;
-        const Exchange done = n.connection.exchange(slots.bytes(), {&reply}, command_deadline(deadline));
-        if (done.status != KV_SUCCESS) {
-            status = done.status;
-            note(status, n, describe(n.endpoint) + ": " + n.connection.failure());
-        } else if (reply.is_error()) {
-            status = status_of(classify_error(reply.error()).kind);
-            note(status, n, describe(n.endpoint) + " answered CLUSTER SLOTS with " + std::string(reply.error()));
-        } else if (!map_.load(reply.value(), n.endpoint)) {
-            status = KV_SERVER_ERROR;
-            note(status, n, describe(n.endpoint) + " answered CLUSTER SLOTS with a map that cannot be read");
-        } else {
-            map_loaded_ = true;
-            refresh_due_ = false;
-            last_refresh_ = Clock::now();
-            return KV_SUCCESS;
-        }
-    }
-    return status;
-}
-
 // One call's way round the loop: the deadline, the back-off between
 // retries, and why the call ends if its time runs out.
 struct Router::Call {
@@ -220,6 +181,7 @@ struct Router::Call {
     int32_t failure = KV_CONNECT_FAILED;
     bool failed = false;
     std::optional<Endpoint> ask_target;  // this command only, after an ASK
+    const Node* main_key_only_on = nullptr;  // the next send, if to this node
     int redirections = 0;
     bool library_reloaded = false;
 };
@@ -313,14 +275,18 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
             n->library_checked = true;
         }
 
+        const bool main_key_only = call.main_key_only_on == n;
+        call.main_key_only_on = nullptr;
+        const std::string_view command = main_key_only ? request.main_key_only() : bytes;
+        const bool asking = call.ask_target.has_value();
         Exchange done{};
-        if (call.ask_target) {
+        if (asking) {
             ValueReply asking_reply;
-            done = n->connection.exchange(asking_then(bytes), {&asking_reply, &sink},
+            done = n->connection.exchange(asking_then(command), {&asking_reply, &sink},
                                           command_deadline(deadline));
             call.ask_target.reset();
         } else {
-            done = n->connection.exchange(bytes, {&sink}, command_deadline(deadline));
+            done = n->connection.exchange(command, {&sink}, command_deadline(deadline));
         }
         if (done.status != KV_SUCCESS) {
             note(done.status, *n, describe(n->endpoint) + ": " + n->connection.failure());
@@ -335,6 +301,22 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
         }
         if (!sink.is_error()) return KV_SUCCESS;
         const ServerError error = classify_error(sink.error());
+        // A slot in migration, and the node would not take both server keys
+        // of a kelvane key because it lacks one. Where the values hash exists
+        // nowhere the key simply has none, and the node takes the command
+        // with the main key alone, at once: on the migrating node where it
+        // holds the main key, or on the importing node when an ASK brought
+        // us here. The migrating node answers ASK only for keys it lacks (the
+        // pair, or the main key after the values hash was seen missing), and
+        // a key it lacks cannot come back to it while the slot migrates, so
+        // whatever of the pair exists is on the importing node. A pair that
+        // the migration has split waits below until it is whole again.
+        if (error.kind == ErrorKind::try_again && !main_key_only && request.names_values_key() &&
+            (asking || values_hash_nowhere(*n, request, deadline))) {
+            call.main_key_only_on = n;
+            if (asking) call.ask_target = n->endpoint;
+            continue;
+        }
         note(status_of(error.kind), *n, describe(n->endpoint) + " answered " + std::string(sink.error()));
         const Step next = on_error_reply(error, *n, uses_functions, call);
         if (!next.repeat) return next.status;

@@ -15,6 +15,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "deadline.h"
@@ -40,8 +41,11 @@ public:
 
     // Adds a seed and connects to it now. KV_SUCCESS; KV_ALREADY_EXISTS for
     // a seed given before; KV_INVALID_PARAMETER for a standalone server next
-    // to a cluster; or the status that says why it cannot be reached (the
-    // seed stays: later calls try again).
+    // to a cluster; KV_CLUSTER_DOWN for a cluster node that knows no slot
+    // served (one that belongs to no cluster) while no seed has given a slot
+    // map; or the status that says why it cannot be reached. The seed is
+    // registered before anything is tried, and stays whatever the attempt
+    // meets (running out of memory included): later calls try it again.
     int32_t add_seed(const Endpoint& seed, std::shared_ptr<const NodeSettings> settings,
                      Deadline deadline);
     bool has_seeds() const { return !seeds_.empty(); }
@@ -83,11 +87,18 @@ private:
     int32_t discover(Deadline deadline);
     // The node for slot; nullptr and *status when there is none just now.
     Node* route(uint16_t slot, Deadline deadline, int32_t* status);
-    // Asks the cluster for its slot map, trying every known node, avoid last.
-    int32_t refresh(Deadline deadline, const Node* avoid);
+    // Asks the known nodes for the slot map (first first, avoid last) and
+    // takes the best answer: the most slots served, on a tie the newest
+    // (cluster_view.h). An answer that serves every slot ends the search; one
+    // that serves none never replaces the map.
+    int32_t refresh(Deadline deadline, const Node* avoid, const Node* first = nullptr);
     void learn_mode(Node& n);
     // Records why talking to n failed (never with its password in it).
     void note(int32_t status, const Node& n, std::string text);
+    // After the master of a migrating slot refused both server keys of a
+    // kelvane key (TRYAGAIN): whether it holds the main key and neither it
+    // nor the importing node the values hash.
+    bool values_hash_nowhere(Node& source, const Request& request, Deadline deadline);
 
     struct Call;
     // After an error reply: go round again, or end the call with status.
@@ -98,6 +109,8 @@ private:
         static Step end(int32_t status) { return Step{false, status}; }
     };
     Step on_error_reply(const ServerError& error, Node& n, bool uses_functions, Call& call);
+    // ASKING, then command: for the node an ASK named.
+    static std::string asking_then(std::string_view command);
     Deadline command_deadline(Deadline deadline) const {
         return deadline.within(settings_.command_timeout);
     }

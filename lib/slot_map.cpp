@@ -8,16 +8,22 @@
 namespace kelvane {
 namespace {
 
+// A node entry: [host, port, id, ...]. False for one of another shape. A
+// node the cluster knows no address of (port 0: it answers from another
+// address than the one the cluster knew, say restarted with a new identity)
+// comes out with port 0.
 bool read_node(const Value& v, const Endpoint& asked, Endpoint* out) {
     if (v.type != Value::Type::array || v.elements.size() < 2 ||
-        v.elements[0].type != Value::Type::text || v.elements[1].type != Value::Type::integer ||
-        v.elements[1].integer <= 0 || v.elements[1].integer > 65535) {
+        (v.elements[0].type != Value::Type::text && v.elements[0].type != Value::Type::nil) ||
+        v.elements[1].type != Value::Type::integer || v.elements[1].integer < 0 ||
+        v.elements[1].integer > 65535) {
         return false;
     }
-    out->host = v.elements[0].text;
-    // "" or "?": the cluster does not know the address; it is the one we asked.
-    if (out->host.empty() || out->host == "?") out->host = asked.host;
     out->port = static_cast<int>(v.elements[1].integer);
+    out->host = out->port == 0 ? std::string() : v.elements[0].text;
+    // "", "?" or nil with a port: the node does not know its own address
+    // (or the cluster names none); it is the one we asked.
+    if (out->port != 0 && (out->host.empty() || out->host == "?")) out->host = asked.host;
     return true;
 }
 
@@ -47,11 +53,18 @@ bool SlotMap::load(const Value& reply, const Endpoint& asked) {
             first > last || !read_node(range.elements[2], asked, &master)) {
             return false;
         }
-        const auto index = static_cast<int16_t>(fresh.index_of(master));
-        for (long long s = first; s <= last; ++s) fresh.owner_[static_cast<std::size_t>(s)] = index;
+        // A master without an address serves nobody: its slots stay
+        // unserved until the cluster names another master for them.
+        if (master.port != 0) {
+            const auto index = static_cast<int16_t>(fresh.index_of(master));
+            for (long long s = first; s <= last; ++s) {
+                fresh.covered_ += fresh.owner_[static_cast<std::size_t>(s)] < 0;
+                fresh.owner_[static_cast<std::size_t>(s)] = index;
+            }
+        }
         for (std::size_t r = 3; r < range.elements.size(); ++r) {
             Endpoint replica;
-            if (read_node(range.elements[r], asked, &replica) &&
+            if (read_node(range.elements[r], asked, &replica) && replica.port != 0 &&
                 std::find(fresh.replicas_.begin(), fresh.replicas_.end(), replica) ==
                     fresh.replicas_.end()) {
                 fresh.replicas_.push_back(replica);
@@ -68,7 +81,9 @@ const Endpoint* SlotMap::master_of(uint16_t slot) const {
 }
 
 void SlotMap::set_master(uint16_t slot, const Endpoint& master) {
-    owner_[slot % kSlotCount] = static_cast<int16_t>(index_of(master));
+    int16_t& owner = owner_[slot % kSlotCount];
+    covered_ += owner < 0;
+    owner = static_cast<int16_t>(index_of(master));
 }
 
 std::vector<Endpoint> SlotMap::nodes() const {

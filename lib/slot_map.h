@@ -5,6 +5,7 @@
 #define KELVANE_SLOT_MAP_H
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -19,9 +20,14 @@ public:
     SlotMap() { owner_.fill(-1); }
 
     // Replaces the map with a CLUSTER SLOTS reply. asked is the node that
-    // answered; it stands in for nodes whose address the cluster does not
-    // know. False, leaving the map as it was, for a reply of another shape.
+    // answered; it stands in for a node that does not know its own address.
+    // The slots of a master listed without any address (port 0) are left
+    // unserved. False, leaving the map as it was, for a reply of another
+    // shape.
     bool load(const Value& reply, const Endpoint& asked);
+
+    // How many slots have a master (kSlotCount: all of them).
+    std::size_t covered() const { return covered_; }
 
     // The master that serves slot, or nullptr when no node does.
     const Endpoint* master_of(uint16_t slot) const;
@@ -38,6 +44,7 @@ private:
     std::vector<Endpoint> masters_;
     std::vector<Endpoint> replicas_;
     std::array<int16_t, kSlotCount> owner_;  // index into masters_, -1: not served
+    std::size_t covered_ = 0;                // slots whose owner_ is not -1
 };
 
 }  // namespace kelvane

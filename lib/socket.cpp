@@ -10,6 +10,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -20,10 +21,18 @@
 namespace kelvane {
 namespace {
 
-// A deadline closer than the kernel timeout by less than this is left to
-// the kernel: it saves a system call per read at the cost of overrunning the
-// deadline by at most this much.
-constexpr std::chrono::microseconds kTimeoutSlack{2000};
+// The kernel keeps a socket's timeout on its timer wheel, whose slots grow
+// coarser the further off they are: a wait of one second may end 30 ms late,
+// one of a few seconds a quarter of a second late (up to about an eighth of
+// the wait, and a tick). So the kernel is only ever given a timeout that ends
+// before the deadline whatever its slack, and the rest of a wait that runs
+// that long is waited out with ppoll(), whose timer keeps to microseconds.
+// kTick: the longest tick a kernel has (100 Hz), twice over.
+constexpr std::chrono::microseconds kTick{20000};
+
+std::chrono::microseconds before_any_slack(std::chrono::microseconds left) {
+    return left - left / 4 - kTick;
+}
 
 struct AddrInfoFree {
     void operator()(addrinfo* a) const noexcept { freeaddrinfo(a); }
@@ -145,39 +154,66 @@ void Socket::close() noexcept {
     fd_ = -1;
 }
 
-bool Socket::bound_wait(int option, Micros& current, Deadline deadline) {
-    const auto left = std::chrono::duration_cast<Micros>(deadline.remaining());
-    if (left <= Micros::zero()) return false;
-    if (current == Micros::zero() || current > left + kTimeoutSlack) {
-        timeval tv{static_cast<time_t>(left.count() / 1000000),
-                   static_cast<suseconds_t>(left.count() % 1000000)};
-        if (setsockopt(fd_, SOL_SOCKET, option, &tv, sizeof tv) != 0) return false;
-        current = left;
-    }
+bool Socket::kernel_wait(int option, Micros& current, Micros left) {
+    const Micros latest = before_any_slack(left);
+    if (latest <= Micros::zero()) return false;
+    if (current > Micros::zero() && current <= latest) return true;
+    // Half the time left, so that the next calls, whose deadlines are as far
+    // off, keep it without a system call of their own.
+    const Micros wanted = std::min(left / 2, latest);
+    timeval tv{static_cast<time_t>(wanted.count() / 1000000),
+               static_cast<suseconds_t>(wanted.count() % 1000000)};
+    if (setsockopt(fd_, SOL_SOCKET, option, &tv, sizeof tv) != 0) return false;
+    current = wanted;
     return true;
+}
+
+int32_t Socket::timed_out(const char* why) {
+    failure_ = why;
+    return KV_TIMEOUT;
+}
+
+int32_t Socket::lost(const char* why) {
+    failure_ = std::string(why) + std::strerror(errno);
+    return KV_CONNECTION_LOST;
+}
+
+int Socket::wait_ready(short events, Deadline deadline) const {
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline.remaining());
+        if (left <= std::chrono::nanoseconds::zero()) return 0;
+        const timespec ts{static_cast<time_t>(left.count() / 1000000000),
+                          static_cast<long>(left.count() % 1000000000)};
+        pollfd p{fd_, events, 0};
+        const int n = ppoll(&p, 1, &ts, nullptr);
+        if (n > 0 || (n < 0 && errno != EINTR)) return n;
+    }
 }
 
 int32_t Socket::send_all(std::string_view bytes, Deadline deadline) {
     if (fd_ < 0) return KV_CONNECTION_LOST;
     if (tls_) return tls_->send_all(bytes, deadline, &failure_);
     std::size_t done = 0;
+    bool precise = false;  // the kernel's timeout has run out once: the rest is ppoll's
     while (done < bytes.size()) {
-        if (!bound_wait(SO_SNDTIMEO, send_timeout_, deadline)) {
-            failure_ = "could not send within the deadline";
-            return KV_TIMEOUT;
+        const auto left = std::chrono::duration_cast<Micros>(deadline.remaining());
+        if (left <= Micros::zero()) return timed_out("could not send within the deadline");
+        int flags = MSG_NOSIGNAL;
+        if (precise || !kernel_wait(SO_SNDTIMEO, send_timeout_, left)) {
+            const int ready = wait_ready(POLLOUT, deadline);
+            if (ready == 0) return timed_out("could not send within the deadline");
+            if (ready < 0) return lost("the connection broke while sending: ");
+            flags |= MSG_DONTWAIT;
         }
-        const ssize_t n = ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+        const ssize_t n = ::send(fd_, bytes.data() + done, bytes.size() - done, flags);
         if (n > 0) {
             done += static_cast<std::size_t>(n);
         } else if (n < 0 && errno == EINTR) {
             continue;
         } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            // The kernel timeout ran out; it may have been longer ago than
-            // the deadline allows, or shorter: look again.
-            send_timeout_ = Micros::zero();
+            precise = true;
         } else {
-            failure_ = std::string("the connection broke while sending: ") + std::strerror(errno);
-            return KV_CONNECTION_LOST;
+            return lost("the connection broke while sending: ");
         }
     }
     return KV_SUCCESS;
@@ -188,12 +224,18 @@ int32_t Socket::receive(char* buffer, std::size_t capacity, Deadline deadline,
     *received = 0;
     if (fd_ < 0) return KV_CONNECTION_LOST;
     if (tls_) return tls_->receive(buffer, capacity, deadline, received, &failure_);
+    bool precise = false;  // the kernel's timeout has run out once: the rest is ppoll's
     for (;;) {
-        if (!bound_wait(SO_RCVTIMEO, receive_timeout_, deadline)) {
-            failure_ = "no reply within the deadline";
-            return KV_TIMEOUT;
+        const auto left = std::chrono::duration_cast<Micros>(deadline.remaining());
+        if (left <= Micros::zero()) return timed_out("no reply within the deadline");
+        int flags = 0;
+        if (precise || !kernel_wait(SO_RCVTIMEO, receive_timeout_, left)) {
+            const int ready = wait_ready(POLLIN, deadline);
+            if (ready == 0) return timed_out("no reply within the deadline");
+            if (ready < 0) return lost("the connection broke: ");
+            flags = MSG_DONTWAIT;
         }
-        const ssize_t n = ::recv(fd_, buffer, capacity, 0);
+        const ssize_t n = ::recv(fd_, buffer, capacity, flags);
         if (n > 0) {
             *received = static_cast<std::size_t>(n);
             return KV_SUCCESS;
@@ -203,11 +245,8 @@ int32_t Socket::receive(char* buffer, std::size_t capacity, Deadline deadline,
             return KV_CONNECTION_LOST;
         }
         if (errno == EINTR) continue;
-        if (errno != EAGAIN && errno != EWOULDBLOCK) {
-            failure_ = std::string("the connection broke: ") + std::strerror(errno);
-            return KV_CONNECTION_LOST;
-        }
-        receive_timeout_ = Micros::zero();  // ran out: measure against the deadline again
+        if (errno != EAGAIN && errno != EWOULDBLOCK) return lost("the connection broke: ");
+        precise = true;
     }
 }
 

@@ -5,9 +5,10 @@
 //
 // A plaintext socket blocks, with kernel send and receive timeouts that are
 // lowered only when a deadline is closer than they are, so a call that goes
-// well costs exactly one send and one receive. A TLS socket does not block
-// (tls_session.h). Writes never raise SIGPIPE (MSG_NOSIGNAL), so the library
-// leaves signals alone.
+// well costs exactly one send and one receive; the last stretch of a long
+// wait is a ppoll(), which keeps to the deadline where the kernel's timeouts
+// would overrun it. A TLS socket does not block (tls_session.h). Writes never
+// raise SIGPIPE (MSG_NOSIGNAL), so the library leaves signals alone.
 #ifndef KELVANE_SOCKET_H
 #define KELVANE_SOCKET_H
 
@@ -59,10 +60,18 @@ public:
 
 private:
     using Micros = std::chrono::microseconds;
-    // Lowers the kernel timeout of option (SO_RCVTIMEO or SO_SNDTIMEO) to
-    // what the deadline leaves, when the deadline is the closer bound.
-    // False when the deadline has passed.
-    bool bound_wait(int option, Micros& current, Deadline deadline);
+    // Makes sure the kernel timeout of option (SO_RCVTIMEO or SO_SNDTIMEO)
+    // ends before the deadline, left from now, even with the kernel's slack.
+    // False when the deadline is too close for the kernel's timer: the wait
+    // is then wait_ready()'s.
+    bool kernel_wait(int option, Micros& current, Micros left);
+    // Waits, to the microsecond, until the socket is ready for events (POLLIN,
+    // POLLOUT) or the deadline passes: poll()'s result, 0 at the deadline.
+    int wait_ready(short events, Deadline deadline) const;
+    // KV_TIMEOUT and KV_CONNECTION_LOST with why (for the latter, errno's
+    // words after it) kept for failure().
+    int32_t timed_out(const char* why);
+    int32_t lost(const char* why);
 
     int fd_ = -1;
     std::unique_ptr<TlsSession> tls_;

@@ -2,14 +2,14 @@
 // that did not pass with their failure lines, optionally writes a JUnit XML report, and exits 0 when the run proves
 // the library right, 1 when it does not, 2 when it could not do its job (bad arguments, unreadable input,
 // unwritable report).
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
-#include <iterator>
-#include <sstream>
 #include <string>
 
 #include "assessment.h"
@@ -40,11 +40,28 @@ int usage_error(const std::string& what) {
     return kCannot;
 }
 
-bool read_all(std::istream& in, std::string& out) {
-    std::ostringstream buffer;
-    buffer << in.rdbuf();
-    out = buffer.str();
-    return !in.bad();
+// Reads to the end with read(2), so that every failure shows, the first one included: a directory (EISDIR), a
+// device or pipe that breaks. False with errno set.
+bool read_all(int fd, std::string& out) {
+    char buffer[65536];
+    for (;;) {
+        const ssize_t n = read(fd, buffer, sizeof buffer);
+        if (n > 0) out.append(buffer, static_cast<size_t>(n));
+        else if (n == 0) return true;
+        else if (errno != EINTR) return false;
+    }
+}
+
+// The whole transcript from the file at path, or from standard input for "-". False with errno set.
+bool read_transcript(const std::string& path, std::string& out) {
+    if (path == "-") return read_all(STDIN_FILENO, out);
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    const bool ok = read_all(fd, out);
+    const int saved = errno;
+    close(fd);
+    errno = saved;
+    return ok;
 }
 
 bool parse_status(const char* text, int& status) {
@@ -86,15 +103,10 @@ int main(int argc, char** argv) {
     }
 
     std::string bytes;
-    if (input_path == "-") {
-        std::ios::sync_with_stdio(false);
-        if (!read_all(std::cin, bytes)) return usage_error("cannot read standard input");
-    } else {
-        std::ifstream in(input_path, std::ios::binary);
-        if (!in || !read_all(in, bytes)) {
-            std::cerr << "zset-report: cannot read " << input_path << ": " << std::strerror(errno) << "\n";
-            return kCannot;
-        }
+    if (!read_transcript(input_path, bytes)) {
+        std::cerr << "zset-report: cannot read " << (input_path == "-" ? "standard input" : input_path) << ": "
+                  << std::strerror(errno) << "\n";
+        return kCannot;
     }
 
     const zset_report::Assessment assessment =

@@ -16,7 +16,8 @@ messages and the list of failed cases go to standard error.
   --library DIR        run zset against DIR/libkelvane.so.1 instead of the library
                        built here (any library with that soname and interface)
   --server-bin PATH    the server program to start (default: redis-server on PATH);
-                       needs Redis 7.0 or newer, or a server that speaks like it
+                       a name without a slash is looked up on PATH; needs Redis
+                       7.0 or newer, or a server that speaks like it
   --existing-server    start nothing: use whatever listens on 127.0.0.1:12345
                        (its time-to-live cases need keys zset has not made before:
                        give it an empty database)
@@ -26,7 +27,8 @@ messages and the list of failed cases go to standard error.
                        client certificates, from a throwaway CA made with openssl in
                        the temporary directory; zset gets them through KELVANE_TLS_*
                        in its environment (with --cluster: TLS between nodes too)
-  --junit FILE         write a JUnit XML report, one testcase per zset case
+  --junit FILE         write a JUnit XML report, one testcase per zset case (FILE is
+                       replaced; the script stops first if it cannot write it)
   --timeout SECONDS    stop zset if it runs longer (default 600)
   --build-dir DIR      the build directory (default: build)
   --no-build           build nothing and install nothing: use the zset and
@@ -38,7 +40,8 @@ Exit status:
   1  a case failed, or the run was incomplete: fewer than 68 verdicts, no
      summary, zset crashed or ran past --timeout
   2  could not set up: bad option, a port already taken, the build failed,
-     the server would not start
+     the server would not start, the report cannot be written (all found
+     before zset runs)
 USAGE
 }
 
@@ -76,16 +79,25 @@ done
 [[ $timeout_s =~ ^[1-9][0-9]*$ ]] || fail_setup "--timeout takes a whole number of seconds"
 ((existing && (cluster || ${#server_bin}))) && fail_setup "--existing-server starts nothing: drop --cluster and --server-bin"
 ((existing && tls)) && fail_setup "--tls makes certificates for the servers it starts: drop --existing-server"
+# A server program named with a slash is a path from where the caller stands; a bare name is looked up on PATH, as
+# a shell would.
 if [ -n "$server_bin" ]; then
-  case $server_bin in */*) server_bin=$(absolute "$server_bin") ;; esac
+  case $server_bin in
+    */*) server_bin=$(absolute "$server_bin") ;;
+    *) found=$(type -P -- "$server_bin") || fail_setup "--server-bin: no program $server_bin on PATH"
+       server_bin=$(absolute "$found") ;;
+  esac
 fi
 
 cd "$(dirname "$0")/.." || exit 2
 source scripts/private-servers.sh
 build_dir=${build_dir:-$PWD/build}
+# The report must be writable before anything runs: the file is made once and removed again, which also takes away
+# an earlier run's report.
 if [ -n "$junit" ]; then
-  [ -d "$(dirname "$junit")" ] && [ -w "$(dirname "$junit")" ] || fail_setup "cannot write a report into $(dirname "$junit")"
-  rm -f "$junit"  # never leave an earlier run's report behind
+  [ ! -d "$junit" ] || fail_setup "--junit names a directory, $junit: give a file name"
+  { : >"$junit"; } 2>/dev/null || fail_setup "cannot write the report $junit"
+  rm -f "$junit"
 fi
 
 ports=(12345)
@@ -124,7 +136,8 @@ if [ -n "$library" ]; then
   [ -f "$library/libkelvane.so.1" ] || fail_setup "there is no libkelvane.so.1 in $library"
   zset_env=("LD_LIBRARY_PATH=$library${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}")
 fi
-loaded=$(env ${zset_env[@]+"${zset_env[@]}"} ldd "$zset" 2>/dev/null | awk '$1 == "libkelvane.so.1" { print $3 }')
+zset_libs=$(env ${zset_env[@]+"${zset_env[@]}"} ldd "$zset" 2>/dev/null)
+loaded=$(awk '$1 == "libkelvane.so.1" { print $3 }' <<<"$zset_libs")
 [ -n "$loaded" ] && [ -e "$loaded" ] || fail_setup "zset finds no libkelvane.so.1 to load"
 if [ -n "$library" ] && [ "$(realpath "$loaded")" != "$(realpath "$library/libkelvane.so.1")" ]; then
   fail_setup "zset would load $loaded, not the library in $library"
@@ -145,7 +158,11 @@ if ((existing)); then
   port_taken 12345 || fail_setup "--existing-server: nothing listens on 127.0.0.1:12345"
   echo "run-zset: using the server that listens on 127.0.0.1:12345" >&2
 else
-  server_bin=${server_bin:-$(command -v redis-server)} || fail_setup "no redis-server on PATH (or give --server-bin)"
+  if [ -z "$server_bin" ]; then
+    server_bin=$(cd "$caller_dir" && type -P redis-server) ||
+      fail_setup "no redis-server on PATH (or give --server-bin)"
+    server_bin=$(absolute "$server_bin")
+  fi
   [ -x "$server_bin" ] || fail_setup "cannot run the server program $server_bin"
   major=$(server_major_version "$server_bin")
   if [ -n "$major" ] && ((major < 7)); then
@@ -171,16 +188,32 @@ else
 fi
 
 # ---- the run -------------------------------------------------------------------------------------------------
+# Into a pipe, zset's standard output is block-buffered, so a zset stopped by --timeout or by a crash would take its
+# last 4 KiB of lines with it, often the whole transcript. stdbuf (coreutils) makes the stream line-buffered from
+# outside: it preloads libstdbuf.so, which sets stdout's buffering before main (iostreams write through stdio
+# too), so every line zset printed reaches the transcript whatever stops it. stdbuf puts its library after the
+# caller's LD_PRELOAD; a sanitizer build's AddressSanitizer runtime must precede everything preloaded, so it goes
+# first. The environment is zset's alone (env runs under timeout).
+zset_command=("$zset")
+if command -v stdbuf >/dev/null; then
+  zset_command=(stdbuf -oL "$zset")
+  asan_runtime=$(awk '$1 ~ /^libasan[.]so/ { print $3 }' <<<"$zset_libs")
+  [ -z "$asan_runtime" ] || zset_env+=("LD_PRELOAD=$asan_runtime${LD_PRELOAD:+:$LD_PRELOAD}")
+else
+  echo "run-zset: no stdbuf here: if zset is stopped, the lines it printed last are lost" >&2
+fi
+
 # The transcript goes to standard output as zset writes it, and to a file for zset-report. tee keeps writing the
 # file even if the reader of standard output goes away.
-env ${zset_env[@]+"${zset_env[@]}"} timeout --foreground --kill-after=10 "$timeout_s" "$zset" |
+timeout --foreground --kill-after=10 "$timeout_s" env ${zset_env[@]+"${zset_env[@]}"} "${zset_command[@]}" |
   tee --output-error=warn-nopipe "$work/transcript"
 zset_status=${PIPESTATUS[0]}
 ((zset_status == 124)) && echo "run-zset: zset ran longer than $timeout_s s and was stopped" >&2
 
 report_options=(--zset-status "$zset_status")
 [ -z "$junit" ] || report_options+=(--junit "$junit")
-"$report" "${report_options[@]}" "$work/transcript" >&2
+# A preload the caller gives is for zset and the library; zset-report, built like zset, runs without it.
+env -u LD_PRELOAD "$report" "${report_options[@]}" "$work/transcript" >&2
 verdict=$?
 ((verdict <= 1)) || fail_setup "zset-report could not judge the run"
 exit "$verdict"

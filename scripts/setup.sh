@@ -8,7 +8,7 @@
 #   --cli     also redis-cli alone, for a cluster of another server program
 #   --tls     also the openssl command, which makes the certificates of a TLS run
 #   --tests   also what the tests and benchmarks need (GoogleTest, Google Benchmark, valgrind, libxml2, dpkg-dev,
-#             file, redis-server, openssl)
+#             file, redis-server, strace, iproute2, lintian, openssl)
 # On a machine without apt (another distribution, a prepared CI image) nothing is installed and the build uses
 # what is there. Progress goes to standard error, so that a caller's standard output stays its own.
 set -euo pipefail
@@ -18,7 +18,7 @@ packages=(g++ cmake make pkg-config libhiredis-dev libssl-dev)
 while (($#)); do
   case $1 in
     --tests) packages+=(redis-server redis-tools libgtest-dev libbenchmark-dev valgrind libxml2-dev dpkg-dev file
-                      strace iproute2 openssl) ;;
+                      strace iproute2 lintian openssl) ;;
     --server) packages+=(redis-server redis-tools) ;;
     --cli) packages+=(redis-tools) ;;
     --tls) packages+=(openssl) ;;

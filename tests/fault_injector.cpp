@@ -4,6 +4,7 @@
 // fault, kv_mm_destroy reports buffers never released, so every run also proves that zset released everything;
 // buffers made up here come from the client's memory manager, so zset releases them like the library's own.
 #include <dlfcn.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -29,8 +30,20 @@ void* next_symbol(const char* name) {
 }
 // The library's own function of the same name.
 #define REAL(fn) (reinterpret_cast<decltype(&fn)>(next_symbol(#fn)))
-// A call into the library; KELVANE_FAULT=slow adds 5 ms to each, so that tests can act in the middle of a run.
-#define CALL(fn, ...) (is("slow") && usleep(5000), REAL(fn)(__VA_ARGS__))
+
+// Before each call into the library. KELVANE_FAULT=slow adds 5 ms to each, so that tests can act in the middle of a
+// run; `hang` and `crash` stop the run at the call numbered KELVANE_FAULT_CALL (from 1), as a library that blocks
+// for good or crashes would: the call never returns, or the process dies of SIGSEGV.
+void before_call() {
+    static const long stop_at = std::getenv("KELVANE_FAULT_CALL") ? std::atol(std::getenv("KELVANE_FAULT_CALL")) : 0;
+    static long calls = 0;
+    if (is("slow")) usleep(5000);
+    if (++calls != stop_at) return;
+    if (is("crash")) raise(SIGSEGV);
+    while (is("hang")) pause();
+}
+// A call into the library under the current fault.
+#define CALL(fn, ...) (before_call(), REAL(fn)(__VA_ARGS__))
 
 kv_mm* g_mm = nullptr;            // the memory manager of the client zset created
 void* volatile g_kept = nullptr;  // leak_one: a buffer held here, never released

@@ -66,10 +66,11 @@ bool poll_until(double timeout_s, Done done) {
 int free_block() {
     int low = 32768;
     std::ifstream("/proc/sys/net/ipv4/ip_local_port_range") >> low;
-    for (int base = 13000 + static_cast<int>(getpid() % 500) * 16; base + 10000 + RedisCluster::kNodes < low;
+    for (int base = 13000 + static_cast<int>(getpid() % 500) * 16;
+         base + 10000 + RedisCluster::kNodes + RedisCluster::kStrangers < low;
          base += 16) {
         bool clear = true;
-        for (int i = 0; i < RedisCluster::kNodes; ++i) {
+        for (int i = 0; i < RedisCluster::kNodes + RedisCluster::kStrangers; ++i) {
             clear = clear && !RedisServer::listening(base + i) && !RedisServer::listening(base + 10000 + i) &&
                     !RedisServer::listening(base + RedisCluster::kAdminOffset + i);
         }
@@ -200,6 +201,37 @@ void RedisCluster::kill(int port) {
     node.pid = -1;
 }
 
+void RedisCluster::signal(int port, int sig) const {
+    const pid_t pid = nodes_.at(port).pid;
+    if (pid <= 0 || ::kill(pid, sig) != 0) throw std::runtime_error("cannot signal node " + std::to_string(port));
+}
+
+void RedisCluster::freeze(int port) { signal(port, SIGSTOP); }
+
+void RedisCluster::thaw(int port) { signal(port, SIGCONT); }
+
+int RedisCluster::start_stranger() {
+    const int port = nodes_.rbegin()->first + 1;
+    if (port >= nodes_.begin()->first + kNodes + kStrangers) throw std::runtime_error("no port left for a stranger");
+    char dir[] = "/tmp/kelvane-cluster-XXXXXX";
+    if (mkdtemp(dir) == nullptr) throw std::runtime_error("mkdtemp failed");
+    nodes_[port].dir = dir;
+    nodes_[port].member = false;
+    start(port);
+    nodes_[port].id = must(port, {"CLUSTER", "MYID"});
+    return port;
+}
+
+void RedisCluster::restart_as_stranger(int port) {
+    kill(port);
+    Node& node = nodes_.at(port);
+    std::filesystem::remove_all(node.dir);
+    std::filesystem::create_directory(node.dir);
+    node.member = false;
+    start(port);
+    node.id = must(port, {"CLUSTER", "MYID"});
+}
+
 std::string RedisCluster::must(int port, const Argv& argv) const { return must_reply(admin(port), argv).str; }
 
 std::string RedisCluster::role(int port) const { return field_of(must(port, {"INFO", "replication"}), "role"); }
@@ -207,7 +239,7 @@ std::string RedisCluster::role(int port) const { return field_of(must(port, {"IN
 std::vector<int> RedisCluster::ports() const {
     std::vector<int> out;
     for (const auto& [port, node] : nodes_) {
-        if (node.pid > 0) out.push_back(port);
+        if (node.pid > 0 && node.member) out.push_back(port);
     }
     return out;
 }
@@ -235,6 +267,13 @@ int RedisCluster::owner_of_slot(int slot) const {
         }
     }
     throw std::runtime_error("no node serves slot " + std::to_string(slot));
+}
+
+bool RedisCluster::lists_master_without_address(int port) const {
+    for (const auto& range : must_reply(admin(port), {"CLUSTER", "SLOTS"}).elements) {
+        if (range.elements.at(2).elements.at(1).str == "0") return true;
+    }
+    return false;
 }
 
 std::vector<int> RedisCluster::key_slots(const std::vector<std::string>& server_keys) const {

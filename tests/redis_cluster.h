@@ -1,7 +1,8 @@
 // redis_cluster.h -- what the cluster tests stand on: a private Redis Cluster for one test (six cluster-enabled
 // redis-server processes on loopback, own temporary directories, no persistence, three masters with one replica
-// each) that tests fail over, kill nodes of and move slots in, with bounded waits of its own; where kelvane keys
-// live in it; and a kelvane client with its own memory manager that checks every buffer came back.
+// each) that tests fail over, kill, freeze and restart nodes of and move slots in, with bounded waits of its own,
+// and cluster-enabled strangers beside it that belong to no cluster; where kelvane keys live in it; and a kelvane
+// client with its own memory manager that checks every buffer came back.
 #ifndef KELVANE_TESTS_REDIS_CLUSTER_H
 #define KELVANE_TESTS_REDIS_CLUSTER_H
 
@@ -29,6 +30,7 @@ struct Migration { int slot, source, target; };
 class RedisCluster {
 public:
     static constexpr int kNodes = 6;
+    static constexpr int kStrangers = 2;  // at most, on the ports after the nodes'
 
     // Nodes on first_port .. first_port + 5, cluster bus on each port + 10000; 0 picks a free block. The first
     // three start as masters of slots 0-5460, 5461-10922 and 10923-16383, node 3 + i as the replica of node i.
@@ -41,10 +43,12 @@ public:
     RedisCluster(const RedisCluster&) = delete;
     RedisCluster& operator=(const RedisCluster&) = delete;
 
-    std::vector<int> ports() const;    // the running nodes
+    std::vector<int> ports() const;    // the running nodes of the cluster (strangers are not)
     std::vector<int> masters() const;  // running masters that serve slots, in port order
     int replica_of(int master) const;
     int owner_of_slot(int slot) const;
+    // Whether node port lists a master without an address (port 0) in CLUSTER SLOTS.
+    bool lists_master_without_address(int port) const;
     std::vector<int> key_slots(const std::vector<std::string>& server_keys) const;  // CLUSTER KEYSLOT of each
     // The reply as text (an integer in decimal); an error reply or none at all throws.
     std::string must(int port, const Argv& argv) const;
@@ -57,6 +61,14 @@ public:
     // CLUSTER FAILOVER on the replica, then waits until it is master and the cluster healthy.
     void manual_failover(int replica);
     void kill(int port);  // SIGKILL, without waiting for the cluster to react
+    void freeze(int port);  // SIGSTOP: the node accepts connections and answers nothing
+    void thaw(int port);    // SIGCONT
+    // A cluster-enabled node on the next free port of the block that knows only itself and serves no slot, as a
+    // spare or a node that lost its nodes.conf is. Gives its port.
+    int start_stranger();
+    // The node killed and started again on its port with an empty directory: a stranger with a new identity, at
+    // an address the cluster still knows under the old one.
+    void restart_as_stranger(int port);
     // Until every running node reports cluster_state:ok and the same masters, replicas and slots, and every
     // running replica is in sync. Throws after timeout_s.
     void wait_healthy(double timeout_s = 30) const;
@@ -73,8 +85,10 @@ private:
     struct Node {
         std::string dir, id;
         pid_t pid = -1;
+        bool member = true;  // false for a stranger
     };
     void start(int port);
+    void signal(int port, int sig) const;
     int admin(int port) const { return tls_.tls_cert.empty() ? port : port + kAdminOffset; }
     // A port the nodes named over the plaintext connection, as a client's port.
     int client_port(int port) const {
@@ -137,6 +151,10 @@ public:
 
     int32_t add_seed(int port) { return kv_server_add(client_, "127.0.0.1", static_cast<uint32_t>(port), nullptr); }
 
+    int32_t zadd(const std::string& key, double score, const std::string& member) {
+        return kv_zadd(client_, key.data(), key.size(), score, member.data(), member.size(), 0);
+    }
+
     int32_t zaddval(const std::string& key, double score, const std::string& member, const std::string& value) {
         return kv_zaddval(client_, key.data(), key.size(), score, member.data(), member.size(), value.data(),
                           value.size(), 0);
@@ -186,6 +204,14 @@ private:
     kv_mm* mm_;
     kv_client* client_;
 };
+
+// Expects kv_zscore of member in key to give score and value.
+inline void expect_scored(KvClient& client, const std::string& key, const std::string& member, double score,
+                          const std::string& value) {
+    const KvClient::Scored got = client.zscore(key, member);
+    EXPECT_TRUE(got.status == KV_SUCCESS && got.score == score && got.value == value)
+        << member << ": status " << got.status << ", score " << got.score << ", value " << got.value.value_or("-");
+}
 
 }  // namespace kelvane_test
 

@@ -1,8 +1,10 @@
 // test_cluster_routing.cpp -- how one client finds its way around a cluster, in steps on one cluster: seeds that
 // are down or replicas; awkward keys and the masters' edge slots, each sent straight to its slot's master; a slot
-// half moved (ASK, the map unchanged), a key made while its slot is open (TRYAGAIN until the call's bound or until
-// the slot settles) and the move done (MOVED, a refreshed map); a slot nobody serves (CLUSTERDOWN, likewise); a
-// master's function library flushed; a master turned replica under clients that still map their slots there.
+// half moved (ASK, the map unchanged) with a key without values in it (served at once, before and after it moved),
+// a key split by the move (TRYAGAIN until the call's bound or until the slot settles), a key made while its slot is
+// open (at once) and the move done (MOVED, a refreshed map); a slot nobody serves (CLUSTERDOWN, until it is served
+// again); a master's function library flushed; a master turned replica under clients that still map their slots
+// there.
 #include <gtest/gtest.h>
 
 #include <future>
@@ -18,11 +20,15 @@ namespace {
 
 using namespace std::string_literals;
 
-void expect_scored(KvClient& client, const std::string& key, const std::string& member, double score,
-                   const std::string& value) {
+// Writes and reads of a key that has no values hash, with member added at score: answered at once, where a call
+// that waited would end with KV_TRY_AGAIN at its bound.
+void expect_served_without_values(KvClient& client, const std::string& key, const std::string& member, double score) {
+    EXPECT_EQ(client.zadd(key, score, member), KV_SUCCESS);
     const KvClient::Scored got = client.zscore(key, member);
-    EXPECT_TRUE(got.status == KV_SUCCESS && got.score == score && got.value == value)
-        << member << ": status " << got.status << ", score " << got.score << ", value " << got.value.value_or("-");
+    EXPECT_TRUE(got.status == KV_SUCCESS && got.score == score && !got.value) << got.status;
+    const KvClient::Members all = client.zrange_all(key);
+    EXPECT_EQ(all.status, KV_SUCCESS);
+    for (const auto& [name, item] : all.items) EXPECT_FALSE(item.second) << name << " has a value";
 }
 
 // Runs settle() on another thread a second from now: a call made meanwhile must wait for the cluster to settle.
@@ -64,14 +70,19 @@ TEST(Routing, SeedsKeysRedirectionsRetriesAndFailover) {
     }
     EXPECT_EQ(cluster.error_count("MOVED"), 0) << "the client computed a slot otherwise than the cluster";
 
-    // Of three keys of one slot, the first is moved to the target while the second stays on the source.
+    // Of four keys of one slot, the first is moved to the target while the second stays on the source. The fourth
+    // has no values: its values hash exists nowhere, and the cluster refuses the pair of server keys (TRYAGAIN) on
+    // either node while the slot is open, but the key's set alone is served at once, on the source and, once it
+    // has moved, on the target, where its first value can then be made.
     auto group = by_slot.upper_bound(0);
-    while (group->second.size() < 3) ++group;
-    const std::string &moved = group->second[0], &stays = group->second[1], &awaited = group->second[2];
+    while (group->second.size() < 4) ++group;
+    const std::string &moved = group->second[0], &stays = group->second[1], &awaited = group->second[2],
+                      &bare = group->second[3];
     const int source = cluster.owner_of_slot(group->first);
     const int target = source == masters.back() ? masters.front() : masters.back();
     ASSERT_EQ(client.zaddval(moved, 1, "a", "value a"), KV_SUCCESS);
     ASSERT_EQ(client.zaddval(stays, 2, "b", "value b"), KV_SUCCESS);
+    ASSERT_EQ(client.zadd(bare, 1, "a"), KV_SUCCESS);
     const Migration m = cluster.open_migration(group->first, target);
     cluster.move_keys(m, {main_server_key(moved), main_server_key(moved) + ":v"});
     cluster.reset_error_stats();
@@ -81,25 +92,35 @@ TEST(Routing, SeedsKeysRedirectionsRetriesAndFailover) {
     EXPECT_EQ(client.zaddval(stays, 4, "d", "value d"), KV_SUCCESS);
     EXPECT_GT(cluster.error_count("ASK"), 0) << "the source never sent the client on";
     EXPECT_EQ(cluster.error_count("MOVED"), 0) << "an ASK changed the map, for the other key too";
+    expect_served_without_values(client, bare, "on the source", 2);
+    cluster.move_keys(m, {main_server_key(bare)});
+    expect_served_without_values(client, bare, "on the target", 3);
+    EXPECT_EQ(client.zaddval(bare, 4, "valued", "value v"), KV_SUCCESS);
 
-    // The second key's two server keys split between the nodes: the source answers TRYAGAIN. A key made while the
-    // slot is open: the target cannot make two keys it does not hold yet (TRYAGAIN either).
+    // The second key's two server keys split between the nodes: the source answers TRYAGAIN until the call's bound,
+    // or until the slot settles. A key made while the slot is open is made on the target at once.
     cluster.move_keys(m, {main_server_key(stays)});
     const double bound_s = KvClient::kCallBound_s + 2;  // room for a loaded machine
     auto started = Clock::now();
     EXPECT_EQ(client.zaddval(stays, 5, "refused", "x"), KV_TRY_AGAIN);
     EXPECT_LT(seconds(Clock::now() - started), bound_s);
+    EXPECT_EQ(client.zaddval(awaited, 2, "b", "value b"), KV_SUCCESS);
     std::future<void> settled = settle_in_a_second([&] {
         cluster.move_keys(m, {main_server_key(stays) + ":v"});
         cluster.close_migration(m);
     });
-    EXPECT_EQ(client.zaddval(awaited, 2, "b", "value b"), KV_SUCCESS);
+    EXPECT_EQ(client.zaddval(stays, 6, "e", "value e"), KV_SUCCESS);
     settled.get();
     cluster.reset_error_stats();
     expect_scored(client, moved, "c", 3, "value c");
     EXPECT_EQ(client.zscore(stays, "refused").status, KV_NO_SET_KEY) << "a call answered KV_TRY_AGAIN ran";
+    expect_scored(client, stays, "e", 6, "value e");
     expect_scored(client, awaited, "b", 2, "value b");
-    EXPECT_EQ(cluster.error_count("MOVED") + cluster.error_count("ASK"), 0);
+    expect_scored(client, bare, "valued", 4, "value v");
+    EXPECT_EQ(client.zrange_all(bare).items.size(), 4u);
+    // At most one MOVED, which teaches the client the whole new map.
+    EXPECT_LE(cluster.error_count("MOVED"), 1);
+    EXPECT_EQ(cluster.error_count("ASK"), 0);
 
     // A slot nobody serves, so that every node answers CLUSTERDOWN, until its master claims it again.
     const int down = masters[1];

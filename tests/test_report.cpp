@@ -1,9 +1,10 @@
-// test_report.cpp -- zset-report on transcripts of real zset runs (clean, with a fault from fault_injector.cpp)
-// and on transcripts no correct run prints: cut off at every line, with failure lines outside any case, carrying
-// binary junk or other output, retitled, miscounted, with CRLF line ends; and on bad arguments. Whatever the bytes,
-// the JUnit report must be well-formed XML whose counts agree with its testcases, one testcase per zset case
-// grouped by suite, failure lines as messages; the listing names every case that did not pass; and only a
-// complete, clean run of zset's own 68 cases exits 0 (1 otherwise, 2 when it cannot do its job).
+// test_report.cpp -- zset-report on transcripts of real zset runs (clean, with a fault from fault_injector.cpp,
+// stopped half-way through the run script by its timeout or a crash) and on transcripts no correct run prints: cut
+// off at every line, with failure lines outside any case, carrying binary junk or other output, retitled,
+// miscounted, with CRLF line ends; and on bad arguments. Whatever the bytes, the JUnit report must be well-formed
+// XML whose counts agree with its testcases, one testcase per zset case grouped by suite, failure lines as
+// messages; the listing names every case that did not pass; and only a complete, clean run of zset's own 68 cases
+// exits 0 (1 otherwise, 2 when it cannot do its job).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,6 +17,7 @@
 #include "fault_injector.h"
 #include "junit_document.h"
 #include "redis_server.h"
+#include "run_script.h"
 #include "zset_runner.h"
 
 namespace kelvane_test {
@@ -148,6 +150,44 @@ TEST(ReportOfRuns, ChecksOutsideAnyCaseFailTheRun) {
     EXPECT_EQ(r.run.out, listed("ZADD zset 10 foo - add a new value to zset", registration) +
                              listed("ZSCORE - zset and memkey found", setup) +
                              "zset-report: FAILED, 68 of 68 cases passed, 2 failure lines outside any case\n");
+}
+
+// zset stopped by the run script's --timeout (a library call that never returns) and by a crash, both at the same
+// library call half-way through the run: every line zset printed reaches the script's output, the same whole lines
+// of a clean run both times, and the report counts the finished cases, the one cut off and the rest not run. The
+// injector is preloaded into everything the script runs; the script puts a sanitizer build's runtime before it.
+TEST(ReportOfRuns, ARunStoppedHalfWayKeepsEveryLineZsetPrinted) {
+    SKIP_UNLESS_ZSET_PORT_FREE();
+    const std::string& clean = clean_transcript();
+    std::string first;
+    for (const std::string fault : {"hang", "crash"}) {
+        SCOPED_TRACE(fault);
+        const ScriptRun r = run_script({"--timeout", "1", "--junit", "report.xml"},
+                                       {"LD_PRELOAD=" KELVANE_FAULT_INJECTOR, "KELVANE_FAULT=" + fault,
+                                        "KELVANE_FAULT_CALL=150"});
+        EXPECT_EQ(r.run.exit_code, 1) << r.run.err;
+        ASSERT_FALSE(r.run.out.empty()) << r.run.err;
+        EXPECT_EQ(r.run.out, clean.substr(0, r.run.out.size()));
+        EXPECT_EQ(r.run.out.back(), '\n');
+        if (first.empty()) first = r.run.out;
+        EXPECT_EQ(r.run.out, first) << "the same call stopped both runs";
+
+        const std::vector<CaseResult> ran = parse_transcript(r.run.out).cases;
+        const size_t finished = std::count_if(ran.begin(), ran.end(), [](auto& c) { return c.passed; });
+        ASSERT_EQ(ran.size(), finished + 1) << "one case cut off";
+        EXPECT_GT(finished, 10u);
+        EXPECT_TRUE(has(r.run.err, "zset-report: FAILED, " + std::to_string(finished) + " of 68 cases passed, 1 cut " +
+                                       "off, " + std::to_string(kCases - finished - 1) + " not run"))
+            << r.run.err;
+        ASSERT_TRUE(r.junit.well_formed()) << r.junit.parse_error;
+        ASSERT_GE(r.junit.cases.size(), static_cast<size_t>(kCases));
+        for (size_t k = 0; k < static_cast<size_t>(kCases); ++k) {
+            const JunitCase& c = r.junit.cases[k];
+            EXPECT_EQ(c.kind, k < finished ? "" : "error") << c.name;
+            if (k >= finished) EXPECT_TRUE(has(c.message, k == finished ? "cut off" : "not run")) << c.message;
+        }
+    }
+    EXPECT_FALSE(RedisServer::listening(kZsetPort)) << "the script left its server running";
 }
 
 TEST(ReportOfCraftedTranscripts, RunsCutOffAnywhereCountWhatRanAndReportTheRestAsErrors) {
@@ -295,7 +335,7 @@ TEST(ReportArguments, BadArgumentsAndUnreadableInputExit2) {
     TempDir dir;
     write_file(dir / "t", "");
     for (const auto& args : std::vector<std::vector<std::string>>{
-             {"--no-such-option"}, {dir / "missing"}, {"--junit", dir / "no/such/dir/r.xml", dir / "t"},
+             {"--no-such-option"}, {dir / "missing"}, {dir.path()}, {"--junit", dir / "no/such/dir/r.xml", dir / "t"},
              {"--zset-status", "eleven", dir / "t"}, {"--zset-status", "256", dir / "t"}, {"--junit"},
              {dir / "t", dir / "t"}}) {
         std::vector<std::string> argv = {KELVANE_ZSET_REPORT};

@@ -9,11 +9,12 @@
 -- replace each other's. docs/data-layout.md describes the keys.
 --
 -- KEYS[1] is the main key: a sorted set (for kv_sadd a plain set); KEYS[2]
--- the values hash, member -> value. Writes take the time-to-live first: the
--- seconds, then "1" when committed. Scores arrive as %.17g text and leave as
--- Redis's own text of a stored score (exact) or through score_text(), never
--- through Lua's number-to-text (14 digits). Replies are arrays whose first
--- element is the status, numbered as in the client header.
+-- the values hash, member -> value, except while a slot migrates
+-- (values_key()). Writes take the time-to-live first: the seconds, then "1"
+-- when committed. Scores arrive as %.17g text and leave as Redis's own text
+-- of a stored score (exact) or through score_text(), never through Lua's
+-- number-to-text (14 digits). Replies are arrays whose first element is the
+-- status, numbered as in the client header.
 --
 -- A server command costs about as much inside a function as a native one,
 -- and FCALL itself about three, so each function makes as few as it can:
@@ -77,9 +78,31 @@ local function met_existing(added, n, list, first, step)
   return added < distinct
 end
 
+-- The values hash of a call's key, or nil where there is none to touch.
+-- A call declares both server keys, so that a cluster refuses it while a
+-- slot migration has moved one of them and not yet the other. Where the
+-- client found that the values hash does not exist at all, it declares the
+-- main key alone: the hash is then named after it, and a node that may not
+-- touch it (the migrating node, which no longer holds it) answers an error
+-- for it, which means that there is no values hash.
+local function values_key(keys)
+  if keys[2] then return keys[2] end
+  local name = keys[1] .. ':v'
+  if type(redis.pcall('EXISTS', name)) == 'number' then return name end
+  return nil
+end
+
+-- The answer of a write that would make the values hash where there is
+-- none to touch: while the slot migrates only the importing node makes
+-- keys, so the call waits until the main key has moved there.
+local function values_elsewhere()
+  return redis.error_reply('TRYAGAIN the values hash can be made once the key has moved')
+end
+
 -- The state of a values hash that a call touches only to move its expiry,
 -- or nil for a key of another kind, which is not ours to touch.
 local function values_state(vals)
+  if not vals then return VALUES_NONE end
   local kind = redis.call('TYPE', vals)['ok']
   if kind == 'none' then return VALUES_NONE end
   if kind == 'hash' then return VALUES_KEPT end
@@ -100,6 +123,7 @@ end
 -- replaces it (0: no expiry). The values hash expires in the same
 -- millisecond as the main key: it takes the main key's absolute expiry.
 local function apply_ttl(main, vals, existed, args, values)
+  if not vals then values = VALUES_NONE end
   if existed and args[2] ~= '1' then
     if values == VALUES_MADE then
       local at = redis.call('PEXPIRETIME', main)

@@ -9,11 +9,18 @@ local function absent_or(main, status)
   return { status }
 end
 
+-- A member's value, false for none, or the error for a values hash of
+-- another kind.
+local function value_of(keys, member)
+  local vals = values_key(keys)
+  return vals and redis.pcall('HGET', vals, member) or false
+end
+
 -- kv_zscore: member
 local function zscore(keys, args)
   local score = redis.pcall('ZSCORE', keys[1], args[1])
   if type(score) ~= 'string' then return score and refused(score) or absent_or(keys[1], NO_SET_KEY) end
-  local value = redis.pcall('HGET', keys[2], args[1])
+  local value = value_of(keys, args[1])
   if type(value) == 'table' then return refused(value) end
   return { SUCCESS, score, value }
 end
@@ -24,7 +31,7 @@ local function zrank(keys, args)
   if type(rank) ~= 'number' then return rank and refused(rank) or absent_or(keys[1], NO_SET_KEY) end
   local value = false
   if args[3] == '1' then
-    value = redis.pcall('HGET', keys[2], args[1])
+    value = value_of(keys, args[1])
     if type(value) == 'table' then return refused(value) end
   end
   return { SUCCESS, rank, value }
@@ -38,10 +45,15 @@ local function zcount(keys, args)
 end
 
 -- The values of the members of a ZRANGE reply (one member every `step`
--- items), false for a member without one, or the error for a values hash of
--- another kind.
+-- items), false for a member without one (all of them without a values
+-- hash), or the error for a values hash of another kind.
 local function values_of(vals, items, step)
   local members, count = items, #items / step
+  if not vals then
+    local none = {}
+    for i = 1, count do none[i] = false end
+    return none
+  end
   if step == 2 then
     members = {}
     for i = 1, count do members[i] = items[2 * i - 1] end
@@ -85,7 +97,7 @@ local function zrange(keys, args)
   end
   local values = {}
   if args[6] == '1' then
-    values = values_of(keys[2], items, with_scores and 2 or 1)
+    values = values_of(values_key(keys), items, with_scores and 2 or 1)
     if values.err then return refused(values) end
   end
   return { SUCCESS, items, values }

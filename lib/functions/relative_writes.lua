@@ -30,9 +30,10 @@ end
 
 -- kv_zaddvalmax: ttl, commit, member, value, increment
 local function zaddvalmax(keys, args)
-  local main, vals, member = keys[1], keys[2], args[3]
+  local main, vals, member = keys[1], values_key(keys), args[3]
   local score, existed, stop = past_top(main, tonumber(args[5]))
   if stop then return stop end
+  if not vals then return values_elsewhere() end
   if not existed and not clear_left_values(vals) then return { WRONG_REPLY } end
   local made = redis.pcall('HSET', vals, member, args[4])
   if type(made) ~= 'number' then return refused(made) end
@@ -44,11 +45,11 @@ end
 -- kv_zaddmaxinc: ttl, commit, increment
 -- A member already named by the new score takes it and loses its value.
 local function zaddmaxinc(keys, args)
-  local main, vals = keys[1], keys[2]
+  local main, vals = keys[1], values_key(keys)
   local score, existed, stop = past_top(main, tonumber(args[3]))
   if stop then return stop end
   local member = score_name(score)
-  if existed then
+  if existed and vals then
     -- A member not in the set has no value: this drops one only where the
     -- member is there already.
     local dropped = redis.pcall('HDEL', vals, member)
@@ -65,7 +66,7 @@ end
 -- from the new member alone. The key never empties on the way, so it keeps
 -- its expiry without being told.
 local function restart(main, vals, args)
-  local had_values = redis.pcall('HLEN', vals)
+  local had_values = vals and redis.pcall('HLEN', vals) or 0
   if type(had_values) ~= 'number' then return refused(had_values) end
   local member = args[4]
   local added = redis.call('ZADD', main, args[3], member)
@@ -88,7 +89,7 @@ end
 -- it (the boundary included) the member holding the highest score moves to
 -- the new score and loses its value, and its name goes back to the caller.
 local function zadddis(keys, args)
-  local main, vals = keys[1], keys[2]
+  local main, vals = keys[1], values_key(keys)
   local top = redis.pcall('ZRANGE', main, -1, -1, 'WITHSCORES')
   if top.err then return refused(top) end
   if #top == 0 then
@@ -99,7 +100,7 @@ local function zadddis(keys, args)
   end
   if tonumber(args[3]) - tonumber(top[2]) > tonumber(args[5]) then return restart(main, vals, args) end
   local holder = top[1]
-  local dropped = redis.pcall('HDEL', vals, holder)
+  local dropped = vals and redis.pcall('HDEL', vals, holder) or 0
   if type(dropped) ~= 'number' then return refused(dropped) end
   redis.call('ZADD', main, args[3], holder)
   apply_ttl(main, vals, true, args, VALUES_KEPT)
@@ -109,7 +110,7 @@ end
 -- kv_zincrby: ttl, commit, member, increment
 -- The new score leaves as ZINCRBY's own text of it.
 local function zincrby(keys, args)
-  local main, vals = keys[1], keys[2]
+  local main, vals = keys[1], values_key(keys)
   local card = redis.pcall('ZCARD', main)
   if type(card) ~= 'number' then return refused(card) end
   local existed, commit, state = card > 0, args[2] == '1', VALUES_KEPT

@@ -6,22 +6,23 @@
 -- written. A removal that empties the set (which Redis then deletes) takes
 -- the values hash with it.
 local function zrem(keys, args)
-  local main, vals, last = keys[1], keys[2], #args
+  local main, vals, last = keys[1], values_key(keys), #args
   local card = redis.pcall('ZCARD', main)
   if type(card) ~= 'number' then return refused(card) end
   if card == 0 then return { NOTFOUND, 0 } end
   -- (and/or: a number or an error table is never false)
-  local dropped = last == 1 and redis.pcall('HDEL', vals, args[1]) or sliced('HDEL', vals, args, 1, last)
+  local dropped = not vals and 0 or last == 1 and redis.pcall('HDEL', vals, args[1])
+    or sliced('HDEL', vals, args, 1, last)
   if type(dropped) ~= 'number' then return refused(dropped) end
   local removed = last == 1 and redis.call('ZREM', main, args[1]) or sliced('ZREM', main, args, 1, last)
-  if removed == card then redis.call('DEL', vals) end
+  if removed == card and vals then redis.call('DEL', vals) end
   return { removed > 0 and SUCCESS or NOTFOUND, removed }
 end
 
 -- kv_zremrangebyscore and kv_zremrangebyrank: by_score, low, high.
 -- An absent key counts as an empty set.
 local function zremrange(keys, args)
-  local main, vals, by_score = keys[1], keys[2], args[1] == '1'
+  local main, vals, by_score = keys[1], values_key(keys), args[1] == '1'
   local remove = by_score and 'ZREMRANGEBYSCORE' or 'ZREMRANGEBYRANK'
   local kind = values_state(vals)
   if kind == nil then return { WRONG_REPLY } end

@@ -45,6 +45,7 @@ end
 local function zadd_values(main, vals, args)
   local card = redis.pcall('ZCARD', main)
   if type(card) ~= 'number' then return refused(card) end
+  if not vals then return values_elsewhere() end
   if card == 0 and not clear_left_values(vals) then return { WRONG_REPLY } end
   local last, made, added = #args, nil, nil
   if last == 6 then
@@ -76,8 +77,8 @@ end
 -- A member that existed before the call makes the status ALREADY_EXISTS; it
 -- keeps its value unless the call gives one.
 local function zadd(keys, args)
-  if args[3] == '1' then return zadd_values(keys[1], keys[2], args) end
-  return zadd_plain(keys[1], keys[2], args)
+  if args[3] == '1' then return zadd_values(keys[1], values_key(keys), args) end
+  return zadd_plain(keys[1], values_key(keys), args)
 end
 
 register('sadd', sadd)
