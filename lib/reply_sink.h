@@ -143,10 +143,11 @@ struct Value {
 
 class ValueReply final : public ReplySink {
 public:
-    // No reply read whole may hold more elements than this, in all: the
-    // largest a client asks for is a slot map, a few thousand elements even
-    // for a large cluster.
-    static constexpr std::size_t kMaxElements = std::size_t{1} << 20;
+    // No reply read whole may hold more elements than this, in all. The
+    // largest a client asks for is a slot map: even 16384 ranges of one slot
+    // each, with a master and a dozen replicas apiece, hold about 1.3
+    // million.
+    static constexpr std::size_t kMaxElements = std::size_t{1} << 22;
 
     const Value& value() const { return root_; }
 

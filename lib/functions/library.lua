@@ -13,7 +13,8 @@
 -- seconds, then "1" when committed. Scores arrive as %.17g text and leave as
 -- Redis's own text of a stored score (exact) or through score_text(), never
 -- through Lua's number-to-text (14 digits). Replies are arrays whose first
--- element is the status, numbered as in the client header.
+-- element is the status, numbered as in the client header, and whose last is
+-- the tag the client sent with the call (register, below).
 --
 -- A server command costs about as much inside a function as a native one,
 -- and FCALL itself about three, so each function makes as few as it can:
