@@ -73,7 +73,7 @@ TEST_F(Bounds, ACallsBoundRunsFromItsEntryNotFromItsSend) {
     });
     server_->thaw();
     EXPECT_TRUE(transport_failure(status)) << status;
-    EXPECT_LT(took, 2.0 + 0.1);  // its bound, and a little for a busy machine to wake the call
+    EXPECT_LT(took, 2.0 + 0.15);  // its bound, and a little for a busy machine to wake the call
 }
 
 // PTTL of a key that another client gave 4e9 seconds reads as INT32_MAX seconds, not as a wrapped negative.
