@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <new>
+#include <utility>
 
 #include "client.h"
 #include "function_library.h"
@@ -29,6 +30,14 @@ int32_t guarded(Body&& body) noexcept {
     } catch (...) {
         return KV_SERVER_ERROR;
     }
+}
+
+// The same for a call of client, whose deadline starts here, before its
+// arguments are checked and its command is built.
+template <class Body>
+int32_t guarded(kv_client* client, Body&& body) noexcept {
+    if (client != nullptr) client->enter();
+    return guarded(std::forward<Body>(body));
 }
 
 // A byte string may be null only when it is empty.

@@ -24,7 +24,7 @@ int32_t count_members(kv_client* client, const char* key, size_t key_len, const 
     }
     kelvane::Request& request = kelvane::function_call(client, "zcount", key, key_len);
     if (bounds) request.score(bounds[0]).score(bounds[1]);
-    PointReply reply;
+    PointReply reply(kelvane::kStatusCount);
     const int32_t status = kelvane::call_function(client, key, key_len, reply);
     if (status != KV_SUCCESS) return status;
     return reply.count(1, count) ? KV_SUCCESS : KV_SERVER_ERROR;
@@ -106,7 +106,7 @@ int32_t range_from_args(kv_client* client, const char* key, size_t key_len, Sele
     }
     if (!outs_ok || !suffix_ok) return KV_INVALID_PARAMETER;
     if (!sel.limited) sel.count = -1;
-    return guarded([&] { return read_range(client, key, key_len, sel, flags, suffix, out); });
+    return guarded(client, [&] { return read_range(client, key, key_len, sel, flags, suffix, out); });
 }
 
 Selection by_rank(int32_t start, int32_t stop) {
@@ -125,14 +125,14 @@ extern "C" int32_t kv_zscore(kv_client* client, const char* key, size_t key_len,
     if (score != nullptr) *score = 0;
     if (value != nullptr) *value = nullptr;
     if (value_len != nullptr) *value_len = 0;
-    return guarded([&] {
+    return guarded(client, [&] {
         if (!kelvane::key_ok(client, key, key_len) || !kelvane::bytes_ok(member, member_len) ||
             score == nullptr || value == nullptr || value_len == nullptr) {
             return KV_INVALID_PARAMETER;
         }
         kelvane::function_call(client, "zscore", key, key_len).arg(member, member_len);
         // The value goes straight into a buffer for the caller.
-        PointReply reply(client->mm, 2);
+        PointReply reply(kelvane::kStatusScoreValue, client->mm, 2);
         const int32_t status = kelvane::call_function(client, key, key_len, reply);
         if (status != KV_SUCCESS) return status;
         double found = 0;
@@ -162,7 +162,7 @@ extern "C" int32_t kv_zrank(kv_client* client, const char* key, size_t key_len,
         if (value_len != nullptr) *value_len = 0;
         if (value == nullptr || value_len == nullptr) return KV_INVALID_PARAMETER;
     }
-    return guarded([&] {
+    return guarded(client, [&] {
         if (!kelvane::key_ok(client, key, key_len) || !kelvane::bytes_ok(member, member_len) ||
             rank == nullptr) {
             return KV_INVALID_PARAMETER;
@@ -171,7 +171,7 @@ extern "C" int32_t kv_zrank(kv_client* client, const char* key, size_t key_len,
             .arg(member, member_len)
             .flag((flags & ZSET_REVERSE) != 0)
             .flag(value != nullptr);
-        PointReply reply(client->mm, value != nullptr ? 2 : -1);
+        PointReply reply(kelvane::kStatusRankValue, client->mm, value != nullptr ? 2 : -1);
         const int32_t status = kelvane::call_function(client, key, key_len, reply);
         if (status != KV_SUCCESS) return status;
         uint32_t found = 0;
@@ -187,14 +187,14 @@ extern "C" int32_t kv_zrank(kv_client* client, const char* key, size_t key_len,
 
 extern "C" int32_t kv_zcard(kv_client* client, const char* key, size_t key_len, uint32_t* count) {
     if (count != nullptr) *count = 0;
-    return guarded([&] { return count_members(client, key, key_len, nullptr, count); });
+    return guarded(client, [&] { return count_members(client, key, key_len, nullptr, count); });
 }
 
 extern "C" int32_t kv_zcount(kv_client* client, const char* key, size_t key_len, double min,
                              double max, uint32_t* count) {
     if (count != nullptr) *count = 0;
     const double bounds[2] = {min, max};
-    return guarded([&] { return count_members(client, key, key_len, bounds, count); });
+    return guarded(client, [&] { return count_members(client, key, key_len, bounds, count); });
 }
 
 extern "C" int32_t kv_zrange(kv_client* client, const char* key, size_t key_len, int32_t start,

@@ -20,7 +20,7 @@ int32_t remove_members(kv_client* client, const char* key, size_t key_len,
     }
     kelvane::Request& request = kelvane::function_call(client, "zrem", key, key_len);
     for (uint32_t i = 0; i < count; ++i) request.arg(members[i], members_len[i]);
-    PointReply reply;
+    PointReply reply(kelvane::kStatusCount);
     const int32_t status = kelvane::call_function(client, key, key_len, reply);
     if (status != KV_SUCCESS) return status;
     uint32_t n = 0;
@@ -31,7 +31,7 @@ int32_t remove_members(kv_client* client, const char* key, size_t key_len,
 
 // Runs the range removal in the client's request.
 int32_t run_remove_range(kv_client* client, const char* key, size_t key_len, uint32_t* removed) {
-    PointReply reply;
+    PointReply reply(kelvane::kStatusCount);
     const int32_t status = kelvane::call_function(client, key, key_len, reply);
     if (status != KV_SUCCESS) return status;
     return reply.count(1, removed) ? KV_SUCCESS : KV_SERVER_ERROR;
@@ -41,7 +41,7 @@ int32_t run_remove_range(kv_client* client, const char* key, size_t key_len, uin
 
 extern "C" int32_t kv_zrem(kv_client* client, const char* key, size_t key_len,
                            const char* member, size_t member_len) {
-    return guarded([&] {
+    return guarded(client, [&] {
         return remove_members(client, key, key_len, &member, 1, &member_len, nullptr);
     });
 }
@@ -50,7 +50,7 @@ extern "C" int32_t kv_zmrem(kv_client* client, const char* key, size_t key_len,
                             const char* const* members, uint32_t count, const size_t* members_len,
                             uint32_t* removed) {
     if (removed != nullptr) *removed = 0;
-    return guarded([&] {
+    return guarded(client, [&] {
         if (removed == nullptr) return KV_INVALID_PARAMETER;
         return remove_members(client, key, key_len, members, count, members_len, removed);
     });
@@ -59,7 +59,7 @@ extern "C" int32_t kv_zmrem(kv_client* client, const char* key, size_t key_len,
 extern "C" int32_t kv_zremrangebyscore(kv_client* client, const char* key, size_t key_len,
                                        double min, double max, uint32_t* removed) {
     if (removed != nullptr) *removed = 0;
-    return guarded([&] {
+    return guarded(client, [&] {
         if (!kelvane::key_ok(client, key, key_len) || removed == nullptr ||
             !kelvane::score_ok(min) || !kelvane::score_ok(max)) {
             return KV_INVALID_PARAMETER;
@@ -72,7 +72,7 @@ extern "C" int32_t kv_zremrangebyscore(kv_client* client, const char* key, size_
 extern "C" int32_t kv_zremrangebyrank(kv_client* client, const char* key, size_t key_len,
                                       int32_t start, int32_t stop, uint32_t* removed) {
     if (removed != nullptr) *removed = 0;
-    return guarded([&] {
+    return guarded(client, [&] {
         if (!kelvane::key_ok(client, key, key_len) || removed == nullptr) {
             return KV_INVALID_PARAMETER;
         }

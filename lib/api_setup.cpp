@@ -34,7 +34,7 @@ extern "C" void kv_client_destroy(kv_client* client) { delete client; }
 
 extern "C" int32_t kv_server_add(kv_client* client, const char* host, uint32_t port,
                                  const kv_credentials* credentials) {
-    return guarded([&] {
+    return guarded(client, [&] {
         if (client == nullptr || host == nullptr || *host == '\0' || port == 0 || port > 65535) {
             return KV_INVALID_PARAMETER;
         }
@@ -47,7 +47,7 @@ extern "C" int32_t kv_server_add(kv_client* client, const char* host, uint32_t p
             given = kelvane::Credentials{credentials->user != nullptr ? credentials->user : "default",
                                          credentials->password};
         }
-        return client->router.add_seed(seed, given, client->call_deadline());
+        return client->router.add_seed(seed, given, client->deadline);
     });
 }
 

@@ -32,7 +32,7 @@ int32_t add_members(kv_client* client, const char* key, size_t key_len, const do
         request.score(scores[i]).arg(members[i], members_len[i]);
         if (with_values) request.arg(values[i], values_len[i]);
     }
-    PointReply reply;
+    PointReply reply(kelvane::kStatusOnly);
     return kelvane::call_function(client, key, key_len, reply);
 }
 
@@ -40,7 +40,7 @@ int32_t add_members(kv_client* client, const char* key, size_t key_len, const do
 
 extern "C" int32_t kv_zadd(kv_client* client, const char* key, size_t key_len, double score,
                            const char* member, size_t member_len, int32_t ttl) {
-    return guarded([&] {
+    return guarded(client, [&] {
         return add_members(client, key, key_len, &score, &member, 1, &member_len, nullptr,
                            nullptr, ttl);
     });
@@ -49,7 +49,7 @@ extern "C" int32_t kv_zadd(kv_client* client, const char* key, size_t key_len, d
 extern "C" int32_t kv_zaddval(kv_client* client, const char* key, size_t key_len, double score,
                               const char* member, size_t member_len, const char* value,
                               size_t value_len, int32_t ttl) {
-    return guarded([&] {
+    return guarded(client, [&] {
         if (!kelvane::bytes_ok(value, value_len)) return KV_INVALID_PARAMETER;
         // Zero-length and null values alike are values: "" stands for both.
         const char* v = value != nullptr ? value : "";
@@ -61,7 +61,7 @@ extern "C" int32_t kv_zaddval(kv_client* client, const char* key, size_t key_len
 extern "C" int32_t kv_zmadd(kv_client* client, const char* key, size_t key_len,
                             const double* scores, const char* const* members, uint32_t count,
                             const size_t* members_len, int32_t ttl) {
-    return guarded([&] {
+    return guarded(client, [&] {
         return add_members(client, key, key_len, scores, members, count, members_len, nullptr,
                            nullptr, ttl);
     });
@@ -71,7 +71,7 @@ extern "C" int32_t kv_zmaddval(kv_client* client, const char* key, size_t key_le
                                const double* scores, const char* const* members, uint32_t count,
                                const size_t* members_len, const char* const* values,
                                const size_t* values_len, int32_t ttl) {
-    return guarded([&] {
+    return guarded(client, [&] {
         if (values == nullptr) return KV_INVALID_PARAMETER;
         return add_members(client, key, key_len, scores, members, count, members_len, values,
                            values_len, ttl);
@@ -81,7 +81,7 @@ extern "C" int32_t kv_zmaddval(kv_client* client, const char* key, size_t key_le
 extern "C" int32_t kv_zaddvalmax(kv_client* client, const char* key, size_t key_len,
                                  const char* member, size_t member_len, const char* value,
                                  size_t value_len, double increment, int32_t ttl) {
-    return guarded([&] {
+    return guarded(client, [&] {
         if (!kelvane::key_ok(client, key, key_len) || !kelvane::bytes_ok(member, member_len) ||
             !kelvane::bytes_ok(value, value_len) || !kelvane::score_ok(increment) ||
             !kelvane::ttl_ok(ttl)) {
@@ -91,20 +91,21 @@ extern "C" int32_t kv_zaddvalmax(kv_client* client, const char* key, size_t key_
             .arg(member, member_len)
             .arg(value != nullptr ? value : "", value_len)
             .score(increment);
-        PointReply reply;
+        PointReply reply(kelvane::kStatusOnly);
         return kelvane::call_function(client, key, key_len, reply);
     });
 }
 
 extern "C" int32_t kv_zaddmaxinc(kv_client* client, const char* key, size_t key_len,
                                  int32_t increment, int32_t ttl) {
-    return guarded([&] {
+    return guarded(client, [&] {
         if (!kelvane::key_ok(client, key, key_len) || !kelvane::ttl_ok(ttl)) {
             return KV_INVALID_PARAMETER;
         }
         kelvane::add_ttl(kelvane::function_call(client, "zaddmaxinc", key, key_len), ttl)
             .integer(increment);
-        PointReply reply;
+        // The name of the member it added, which the caller does not get.
+        PointReply reply(kelvane::kStatusText);
         return kelvane::call_function(client, key, key_len, reply);
     });
 }
@@ -113,7 +114,7 @@ extern "C" int32_t kv_zadddis(kv_client* client, const char* key, size_t key_len
                               const char* member, size_t member_len, double drift, char** kept,
                               int32_t ttl) {
     if (kept != nullptr) *kept = nullptr;
-    return guarded([&] {
+    return guarded(client, [&] {
         if (!kelvane::key_ok(client, key, key_len) || !kelvane::bytes_ok(member, member_len) ||
             !kelvane::score_ok(score) || !kelvane::score_ok(drift) || kept == nullptr ||
             !kelvane::ttl_ok(ttl)) {
@@ -125,7 +126,7 @@ extern "C" int32_t kv_zadddis(kv_client* client, const char* key, size_t key_len
             .score(drift);
         // The name of the member that kept the highest score goes straight
         // into a buffer for the caller.
-        PointReply reply(client->mm, 1);
+        PointReply reply(kelvane::kStatusName, client->mm, 1);
         const int32_t status = kelvane::call_function(client, key, key_len, reply);
         if (status != KV_SUCCESS && status != KV_ALREADY_EXISTS) return status;
         *kept = reply.take_handed().release();
@@ -137,7 +138,7 @@ extern "C" int32_t kv_zincrby(kv_client* client, const char* key, size_t key_len
                               const char* member, size_t member_len, double increment,
                               double* new_score, int32_t ttl) {
     if (new_score != nullptr) *new_score = 0;
-    return guarded([&] {
+    return guarded(client, [&] {
         if (!kelvane::key_ok(client, key, key_len) || !kelvane::bytes_ok(member, member_len) ||
             !kelvane::score_ok(increment) || new_score == nullptr || !kelvane::ttl_ok(ttl)) {
             return KV_INVALID_PARAMETER;
@@ -145,7 +146,7 @@ extern "C" int32_t kv_zincrby(kv_client* client, const char* key, size_t key_len
         kelvane::add_ttl(kelvane::function_call(client, "zincrby", key, key_len), ttl)
             .arg(member, member_len)
             .score(increment);
-        PointReply reply;
+        PointReply reply(kelvane::kStatusText);
         const int32_t status = kelvane::call_function(client, key, key_len, reply);
         if (status != KV_SUCCESS) return status;
         return reply.score(1, new_score) ? KV_SUCCESS : KV_SERVER_ERROR;

@@ -42,6 +42,10 @@ int32_t NodeConnection::greet(const std::optional<Credentials>& credentials, Dea
         return kind == ErrorKind::auth || kind == ErrorKind::no_permission ? KV_AUTH_FAILED
                                                                            : KV_SERVER_ERROR;
     }
+    // HELLO answers a map: a flat array of names and values.
+    if (reply.value().type != Value::Type::array || reply.value().elements.size() % 2 != 0) {
+        return KV_SERVER_ERROR;
+    }
     const Value* mode = reply.value().field("mode");
     mode_ = mode != nullptr && mode->text == "cluster" ? NodeMode::cluster : NodeMode::standalone;
     return KV_SUCCESS;
@@ -58,10 +62,21 @@ Exchange NodeConnection::exchange(std::string_view bytes, std::initializer_list<
     }
     for (ReplySink* sink : sinks) {
         status = read_reply(*sink, deadline);
+        if (status == KV_SUCCESS && sink->tag_follows()) {
+            sink->start_tag_reply();
+            status = read_reply(*sink, deadline);
+        }
         if (status != KV_SUCCESS) {
             close();
             return Exchange{status, true};
         }
+    }
+    // Bytes after the last reply answer nothing that was asked: the stream
+    // is out of step, and the replies just read may be some other
+    // command's. Neither they nor the connection are used.
+    if (reader_->pos < reader_->len) {
+        close();
+        return Exchange{KV_SERVER_ERROR, true};
     }
     last_reply_ = Clock::now();
     return Exchange{KV_SUCCESS, true};
@@ -71,9 +86,11 @@ int32_t NodeConnection::read_reply(ReplySink& sink, Deadline deadline) {
     set_sink(reader_.get(), &sink);
     for (;;) {
         void* reply = nullptr;
-        // A protocol error leaves the stream out of step: nothing after it
-        // can be trusted.
-        if (redisReaderGetReply(reader_.get(), &reply) != REDIS_OK) return KV_SERVER_ERROR;
+        // A reply that does not fit its command, or a protocol error, leaves
+        // the stream out of step: nothing after it can be trusted.
+        if (redisReaderGetReply(reader_.get(), &reply) != REDIS_OK) {
+            return sink.failure() != KV_SUCCESS ? sink.failure() : KV_SERVER_ERROR;
+        }
         if (reply != nullptr) return KV_SUCCESS;
         std::size_t received = 0;
         const int32_t status = socket_.receive(buffer_.data(), buffer_.size(), deadline, &received);

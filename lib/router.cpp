@@ -77,8 +77,9 @@ int32_t Router::connect(Node& n, Deadline deadline, int attempts) {
             learn_mode(n);
             return status;
         }
-        // Only a failure to reach the server is worth another attempt.
-        if (status != KV_CONNECT_FAILED) break;
+        // Only a failure to reach the server is worth another attempt, and
+        // not a refusal: nothing listens there now.
+        if (status != KV_CONNECT_FAILED || n.connection.refused()) break;
     }
     return status;
 }

@@ -40,8 +40,9 @@ int poll_millis(Deadline deadline) {
     return left > 0x7fffffff ? 0x7fffffff : static_cast<int>(left);
 }
 
-// Waits until a non-blocking connect on fd completes or the deadline passes.
-bool finish_connect(int fd, Deadline deadline) {
+// Waits until a non-blocking connect on fd completes or the deadline passes;
+// *refused when the server refused it.
+bool finish_connect(int fd, Deadline deadline, bool* refused) {
     for (;;) {
         pollfd p{fd, POLLOUT, 0};
         const int n = poll(&p, 1, poll_millis(deadline));
@@ -49,16 +50,20 @@ bool finish_connect(int fd, Deadline deadline) {
         if (n <= 0) return false;
         int error = 0;
         socklen_t len = sizeof error;
-        return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &len) == 0 && error == 0;
+        if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &len) != 0) return false;
+        *refused = error == ECONNREFUSED;
+        return error == 0;
     }
 }
 
-int try_address(const addrinfo* a, Deadline deadline) {
+int try_address(const addrinfo* a, Deadline deadline, bool* refused) {
+    *refused = false;
     const int fd = ::socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC,
                             a->ai_protocol);
     if (fd < 0) return -1;
-    if (::connect(fd, a->ai_addr, a->ai_addrlen) == 0 ||
-        (errno == EINPROGRESS && finish_connect(fd, deadline))) {
+    const bool connected = ::connect(fd, a->ai_addr, a->ai_addrlen) == 0;
+    if (!connected && errno == ECONNREFUSED) *refused = true;
+    if (connected || (errno == EINPROGRESS && finish_connect(fd, deadline, refused))) {
         // From here on the socket blocks; kernel timeouts bound each wait.
         const int flags = fcntl(fd, F_GETFL);
         if (flags >= 0 && fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == 0) return fd;
@@ -75,6 +80,7 @@ Socket& Socket::operator=(Socket&& other) noexcept {
     if (this != &other) {
         close();
         fd_ = other.fd_;
+        refused_ = other.refused_;
         receive_timeout_ = other.receive_timeout_;
         send_timeout_ = other.send_timeout_;
         other.fd_ = -1;
@@ -84,6 +90,7 @@ Socket& Socket::operator=(Socket&& other) noexcept {
 
 int32_t Socket::connect(const std::string& host, int port, Deadline deadline) {
     close();
+    refused_ = false;
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
@@ -93,8 +100,12 @@ int32_t Socket::connect(const std::string& host, int port, Deadline deadline) {
         return KV_CONNECT_FAILED;
     }
     std::unique_ptr<addrinfo, AddrInfoFree> addresses(found);
+    bool all_refused = true, tried = false;
     for (const addrinfo* a = addresses.get(); a != nullptr && !deadline.passed(); a = a->ai_next) {
-        const int fd = try_address(a, deadline);
+        bool refused = false;
+        const int fd = try_address(a, deadline, &refused);
+        tried = true;
+        all_refused = all_refused && refused;
         if (fd < 0) continue;
         fd_ = fd;
         receive_timeout_ = send_timeout_ = Micros{0};
@@ -104,6 +115,7 @@ int32_t Socket::connect(const std::string& host, int port, Deadline deadline) {
         setsockopt(fd_, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
         return KV_SUCCESS;
     }
+    refused_ = tried && all_refused;
     return KV_CONNECT_FAILED;
 }
 

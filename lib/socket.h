@@ -32,6 +32,9 @@ public:
     // Connects to host (a name or an address) and port. KV_SUCCESS, or
     // KV_CONNECT_FAILED when the server refused or did not accept in time.
     int32_t connect(const std::string& host, int port, Deadline deadline);
+    // Whether the last connect() failed because every address refused it:
+    // nothing listens there, and trying again at once would meet the same.
+    bool refused() const { return refused_; }
     void close() noexcept;
     bool is_open() const { return fd_ >= 0; }
 
@@ -60,6 +63,7 @@ private:
     int wait_ready(short events, Deadline deadline) const;
 
     int fd_ = -1;
+    bool refused_ = false;
     Micros receive_timeout_{0};  // 0: not set yet (the kernel's "forever")
     Micros send_timeout_{0};
 };
