@@ -1,6 +1,7 @@
 # KelvaneTesting.cmake -- registering GoogleTest programs with CTest. Every test's name starts with its label
-# (library.*, faults.*, runs.*, valgrind.*, report.*, install.*, examples.*, cluster.*), so that `ctest -L cluster`
-# and `ctest -R '^cluster\.'` pick the same tests, and a new group of tests needs nothing but a new label.
+# (library.*, wire.*, faults.*, runs.*, valgrind.*, report.*, install.*, examples.*, cluster.*), so that
+# `ctest -L cluster` and `ctest -R '^cluster\.'` pick the same tests, and a new group of tests needs nothing but a new
+# label.
 #
 #   kelvane_add_gtests(<target> LABEL <label> [FILTER <gtest filter>] [TIMEOUT <s>] [PROPERTIES <name value>...])
 #

@@ -24,8 +24,15 @@
  *   node, which checks that it holds the library's server functions, cost
  *   more). Every call returns within
  *   connect_attempts x connect_timeout_s + command_timeout_s seconds
- *   (kv_client_create) whatever the servers do. A client is used by one
- *   thread at a time; memory managers may be shared.
+ *   (kv_client_create) of being entered, whatever the servers do. A client
+ *   is used by one thread at a time; memory managers may be shared.
+ * - Nothing the server sends is taken on trust: a reply must fit the shape
+ *   of its command's and carry back the call's own tag, and counts it
+ *   announces are believed only as far as the bytes that carry them. A reply
+ *   that fails this, or bytes that no command asked for, close the
+ *   connection: nothing is handed out, the call answers KV_SERVER_ERROR
+ *   (unless the bytes were found before anything of it was sent, and it went
+ *   on over a new connection), and the next call connects again.
  * - A key that holds a value of another kind (a plain set made with kv_sadd
  *   where a sorted set is expected, or the other way round) gives
  *   KV_WRONG_REPLY and changes nothing.
@@ -71,7 +78,9 @@ const char *kv_version(void);
 #define KV_CONNECT_FAILED    101 /* the server refused or did not answer the connection */
 #define KV_TIMEOUT           102 /* no answer within the command timeout or the call's deadline */
 #define KV_CONNECTION_LOST   103 /* the connection broke while the call was under way */
-#define KV_SERVER_ERROR      104 /* the server answered with an error or an unexpected reply */
+#define KV_SERVER_ERROR      104 /* the server answered with an error or an unexpected reply: one
+                                    of the wrong shape, another call's, more than asked for, a
+                                    score that is no number */
 #define KV_NO_MEMORY         105 /* the memory manager could not allocate a result buffer */
 #define KV_AUTH_FAILED       106 /* the server rejected the credentials given to kv_server_add */
 #define KV_SERVER_FULL       107 /* the server is at its memory limit and refuses writes; reads,
@@ -165,11 +174,14 @@ typedef struct kv_credentials {
  *                    the moment it was sent;
  * connect_attempts:  connection attempts a call makes on a node before it
  *                    gives up on it with KV_CONNECT_FAILED (a cluster then
- *                    routes again, until the call's deadline).
+ *                    routes again, until the call's deadline); a refused
+ *                    connection ends them at once, since nothing listens.
  * Values of 0 or below take the defaults 1, 2 and 2. One call, with every
  * connection attempt, redirection, retry and back-off it makes, returns
  * within connect_attempts x connect_timeout_s + command_timeout_s seconds
- * (4 for 1, 2 and 2). Returns NULL when mm is NULL or memory runs out. */
+ * (4 for 1, 2 and 2) of being entered, its own checks and the writing of its
+ * command included. Any values work: a bound past a hundred years is held
+ * at a hundred years. Returns NULL when mm is NULL or memory runs out. */
 kv_client *kv_client_create(int32_t connect_timeout_s, int32_t command_timeout_s, kv_mm *mm,
                             int32_t connect_attempts);
 
@@ -299,7 +311,9 @@ int32_t kv_del(kv_client *client, const char *key, size_t key_len);
 
 /* The key's remaining time-to-live in whole seconds, rounded up, so that a
  * key that will expire reads at least 1 until it is gone; 0 for a key that
- * never expires. KV_NOTFOUND and 0 for an absent key. */
+ * never expires. A key that expires further off than INT32_MAX seconds (as
+ * another client may have set it) reads INT32_MAX. KV_NOTFOUND and 0 for an
+ * absent key. */
 int32_t kv_get_ttl(kv_client *client, const char *key, size_t key_len, int32_t *ttl);
 
 /* Adds a member to a plain (unsorted) set. KV_ALREADY_EXISTS when the member
@@ -335,7 +349,9 @@ int32_t kv_zmaddval(kv_client *client, const char *key, size_t key_len, const do
                     const char *const *values, const size_t *values_len, int32_t ttl);
 
 /* Adds member with value at the set's highest score plus increment (the
- * increment alone in an empty set). */
+ * increment alone in an empty set). KV_INVALID_PARAMETER, and nothing
+ * changes, when that sum is not a number (an infinite increment against the
+ * opposite infinity). */
 int32_t kv_zaddvalmax(kv_client *client, const char *key, size_t key_len, const char *member,
                       size_t member_len, const char *value, size_t value_len, double increment,
                       int32_t ttl);
@@ -344,7 +360,9 @@ int32_t kv_zaddvalmax(kv_client *client, const char *key, size_t key_len, const 
  * with that score and no value; the increment alone in an empty set. Whole
  * scores are written as integers ("12"), others in the shortest form that
  * reads back as the same double ("3.5"). When that member exists it gets the
- * score, loses its value, and the call answers KV_ALREADY_EXISTS. */
+ * score, loses its value, and the call answers KV_ALREADY_EXISTS. The sum is
+ * always a number: a whole increment leaves an infinite highest score as it
+ * is (the member is then "inf" or "-inf"). */
 int32_t kv_zaddmaxinc(kv_client *client, const char *key, size_t key_len, int32_t increment,
                       int32_t ttl);
 
@@ -360,7 +378,8 @@ int32_t kv_zadddis(kv_client *client, const char *key, size_t key_len, double sc
                    const char *member, size_t member_len, double drift, char **kept, int32_t ttl);
 
 /* Adds increment to member's score (from 0 for a new member or key) and
- * returns the new score, exact, in *new_score. */
+ * returns the new score, exact, in *new_score. KV_INVALID_PARAMETER, and
+ * nothing changes, when the sum is not a number (inf + -inf). */
 int32_t kv_zincrby(kv_client *client, const char *key, size_t key_len, const char *member,
                    size_t member_len, double increment, double *new_score, int32_t ttl);
 
@@ -397,7 +416,8 @@ int32_t kv_zcount(kv_client *client, const char *key, size_t key_len, double min
  * last); it does not take ZSET_WITH_LIMIT. kv_zrangebyscore selects
  * min <= score <= max, with ZSET_WITH_LIMIT skipping offset members of the
  * selection and keeping count (count < 0: all the rest). KV_NOTFOUND for an
- * absent key. */
+ * absent key. One result holds at most 2^26 (67,108,864) members: a reply
+ * that announces more gives KV_SERVER_ERROR. */
 int32_t kv_zrange(kv_client *client, const char *key, size_t key_len, int32_t start,
                   int32_t stop, void ***members, size_t *count, size_t **members_len,
                   int32_t flags, ...);

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <new>
+#include <utility>
 
 #include "client.h"
 #include "function_library.h"
@@ -31,16 +32,18 @@ int32_t guarded(Body&& body) noexcept {
     }
 }
 
-// A byte string may be null only when it is empty.
-// As above, for a call on client (which may be NULL): keeps why the call
-// failed for kv_last_error.
+// The same for a call of client (which may be NULL), whose deadline starts
+// here, before its arguments are checked and its command is built; keeps why
+// the call failed, for kv_last_error.
 template <class Body>
 int32_t guarded(kv_client* client, Body&& body) noexcept {
-    const int32_t status = guarded(body);
+    if (client != nullptr) client->enter();
+    const int32_t status = guarded(std::forward<Body>(body));
     if (client != nullptr) client->finish_call(status);
     return status;
 }
 
+// A byte string may be null only when it is empty.
 inline bool bytes_ok(const void* p, std::size_t len) { return p != nullptr || len == 0; }
 
 inline bool key_ok(const kv_client* client, const char* key, std::size_t key_len) {

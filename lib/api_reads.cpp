@@ -24,7 +24,7 @@ int32_t count_members(kv_client* client, const char* key, size_t key_len, const 
     }
     kelvane::Request& request = kelvane::function_call(client, "zcount", key, key_len);
     if (bounds) request.score(bounds[0]).score(bounds[1]);
-    PointReply reply;
+    PointReply reply(kelvane::kStatusCount);
     const int32_t status = kelvane::call_function(client, key, key_len, reply);
     if (status != KV_SUCCESS) return status;
     return reply.count(1, count) ? KV_SUCCESS : KV_SERVER_ERROR;
@@ -132,7 +132,7 @@ extern "C" int32_t kv_zscore(kv_client* client, const char* key, size_t key_len,
         }
         kelvane::function_call(client, "zscore", key, key_len).arg(member, member_len);
         // The value goes straight into a buffer for the caller.
-        PointReply reply(client->mm, 2);
+        PointReply reply(kelvane::kStatusScoreValue, client->mm, 2);
         const int32_t status = kelvane::call_function(client, key, key_len, reply);
         if (status != KV_SUCCESS) return status;
         double found = 0;
@@ -171,7 +171,7 @@ extern "C" int32_t kv_zrank(kv_client* client, const char* key, size_t key_len,
             .arg(member, member_len)
             .flag((flags & ZSET_REVERSE) != 0)
             .flag(value != nullptr);
-        PointReply reply(client->mm, value != nullptr ? 2 : -1);
+        PointReply reply(kelvane::kStatusRankValue, client->mm, value != nullptr ? 2 : -1);
         const int32_t status = kelvane::call_function(client, key, key_len, reply);
         if (status != KV_SUCCESS) return status;
         uint32_t found = 0;

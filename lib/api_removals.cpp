@@ -20,7 +20,7 @@ int32_t remove_members(kv_client* client, const char* key, size_t key_len,
     }
     kelvane::Request& request = kelvane::function_call(client, "zrem", key, key_len);
     for (uint32_t i = 0; i < count; ++i) request.arg(members[i], members_len[i]);
-    PointReply reply;
+    PointReply reply(kelvane::kStatusCount);
     const int32_t status = kelvane::call_function(client, key, key_len, reply);
     if (status != KV_SUCCESS) return status;
     uint32_t n = 0;
@@ -31,7 +31,7 @@ int32_t remove_members(kv_client* client, const char* key, size_t key_len,
 
 // Runs the range removal in the client's request.
 int32_t run_remove_range(kv_client* client, const char* key, size_t key_len, uint32_t* removed) {
-    PointReply reply;
+    PointReply reply(kelvane::kStatusCount);
     const int32_t status = kelvane::call_function(client, key, key_len, reply);
     if (status != KV_SUCCESS) return status;
     return reply.count(1, removed) ? KV_SUCCESS : KV_SERVER_ERROR;

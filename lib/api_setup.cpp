@@ -54,7 +54,7 @@ int32_t add_server(kv_client* client, const char* host, uint32_t port,
     }
     // A socket path names the server alone: the port plays no part.
     const kelvane::Endpoint seed{host, path ? 0 : static_cast<int>(port)};
-    return client->router.add_seed(seed, std::move(settings), client->call_deadline());
+    return client->router.add_seed(seed, std::move(settings), client->deadline);
 }
 
 // Whether the caller's options structure reaches past a member that ends at

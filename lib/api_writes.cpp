@@ -32,7 +32,7 @@ int32_t add_members(kv_client* client, const char* key, size_t key_len, const do
         request.score(scores[i]).arg(members[i], members_len[i]);
         if (with_values) request.arg(values[i], values_len[i]);
     }
-    PointReply reply;
+    PointReply reply(kelvane::kStatusOnly);
     return kelvane::call_function(client, key, key_len, reply);
 }
 
@@ -91,7 +91,7 @@ extern "C" int32_t kv_zaddvalmax(kv_client* client, const char* key, size_t key_
             .arg(member, member_len)
             .arg(value != nullptr ? value : "", value_len)
             .score(increment);
-        PointReply reply;
+        PointReply reply(kelvane::kStatusOnly);
         return kelvane::call_function(client, key, key_len, reply);
     });
 }
@@ -104,7 +104,8 @@ extern "C" int32_t kv_zaddmaxinc(kv_client* client, const char* key, size_t key_
         }
         kelvane::add_ttl(kelvane::function_call(client, "zaddmaxinc", key, key_len), ttl)
             .integer(increment);
-        PointReply reply;
+        // The name of the member it added, which the caller does not get.
+        PointReply reply(kelvane::kStatusText);
         return kelvane::call_function(client, key, key_len, reply);
     });
 }
@@ -125,7 +126,7 @@ extern "C" int32_t kv_zadddis(kv_client* client, const char* key, size_t key_len
             .score(drift);
         // The name of the member that kept the highest score goes straight
         // into a buffer for the caller.
-        PointReply reply(client->mm, 1);
+        PointReply reply(kelvane::kStatusName, client->mm, 1);
         const int32_t status = kelvane::call_function(client, key, key_len, reply);
         if (status != KV_SUCCESS && status != KV_ALREADY_EXISTS) return status;
         *kept = reply.take_handed().release();
@@ -145,7 +146,7 @@ extern "C" int32_t kv_zincrby(kv_client* client, const char* key, size_t key_len
         kelvane::add_ttl(kelvane::function_call(client, "zincrby", key, key_len), ttl)
             .arg(member, member_len)
             .score(increment);
-        PointReply reply;
+        PointReply reply(kelvane::kStatusText);
         const int32_t status = kelvane::call_function(client, key, key_len, reply);
         if (status != KV_SUCCESS) return status;
         return reply.score(1, new_score) ? KV_SUCCESS : KV_SERVER_ERROR;

@@ -1,15 +1,30 @@
-// client.cpp -- one call's way from the client to the router.
+// client.cpp -- one call's way from the client to the router, with its tag.
 #include "client.h"
+
+#include <charconv>
 
 #include "server_keys.h"
 #include "status_text.h"
 
+std::string_view kv_client::next_tag() {
+    const char* end = std::to_chars(tag_, tag_ + sizeof tag_, ++calls_).ptr;
+    return std::string_view(tag_, static_cast<std::size_t>(end - tag_));
+}
+
 int32_t kv_client::run_function(const char* key, std::size_t key_len, kelvane::ReplySink& sink) {
-    return router.run(request, kelvane::key_slot(key, key_len), sink, true, call_deadline());
+    // Every function takes the tag as its last argument and answers it as
+    // the last element of its reply.
+    const std::string_view tag = next_tag();
+    request.arg(tag);
+    sink.expect_tag(tag, kelvane::TagPlace::last_element);
+    return router.run(request, kelvane::key_slot(key, key_len), sink, true, deadline);
 }
 
 int32_t kv_client::run_command(const char* key, std::size_t key_len, kelvane::ReplySink& sink) {
-    return router.run(request, kelvane::key_slot(key, key_len), sink, false, call_deadline());
+    const std::string_view tag = next_tag();
+    request.then_ping(tag);
+    sink.expect_tag(tag, kelvane::TagPlace::own_reply);
+    return router.run(request, kelvane::key_slot(key, key_len), sink, false, deadline);
 }
 
 void kv_client::finish_call(int32_t status) {

@@ -1,12 +1,14 @@
 // client.h -- the state behind a kv_client handle: its settings, its memory
 // manager, the router that reaches the servers, the request buffer that
-// every call writes its command into, and why its last call failed.
+// every call writes its command into, the deadline and tag of the call
+// under way, and why its last call failed.
 #ifndef KELVANE_CLIENT_H
 #define KELVANE_CLIENT_H
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "deadline.h"
 #include "kelvane.h"
@@ -16,15 +18,16 @@
 
 struct kv_client {
     kv_client(kv_mm* manager, const kelvane::RouterSettings& given)
-        : mm(manager), settings(given), router(given) {}
+        : mm(manager),
+          settings(given),
+          router(given),
+          bound(kelvane::saturated_total(given.connect_attempts, given.connect_timeout,
+                                         given.command_timeout)) {}
 
-    // The moment by which a call that starts now must return: every
-    // connection attempt may take its connect timeout, and the command its
-    // command timeout.
-    kelvane::Deadline call_deadline() const {
-        return kelvane::Deadline::after(settings.connect_attempts * settings.connect_timeout +
-                                        settings.command_timeout);
-    }
+    // Marks the entry of an exported call. Its deadline starts now, before
+    // its command is built: every connection attempt may take its connect
+    // timeout, and the command its command timeout.
+    void enter() { deadline = kelvane::Deadline::after(bound); }
 
     // Runs the function call in request, for kelvane key K, and reads its
     // reply into sink. The router's status, KV_SUCCESS once a reply came.
@@ -41,6 +44,17 @@ struct kv_client {
     kelvane::Router router;
     kelvane::Request request;
     std::string last_error;
+    kelvane::Clock::duration bound;  // connect_attempts × connect timeout + command timeout
+    kelvane::Deadline deadline = kelvane::Deadline::after({});  // of the call under way
+
+private:
+    // A tag no earlier call of this client used: the call's reply must carry
+    // it back, so that a reply left over from another call is never taken
+    // for this one's.
+    std::string_view next_tag();
+
+    uint64_t calls_ = 0;
+    char tag_[24];
 };
 
 #endif  // KELVANE_CLIENT_H

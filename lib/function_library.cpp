@@ -38,7 +38,10 @@ int32_t list_library(NodeConnection& connection, Deadline deadline, Found* found
     const Exchange done = connection.exchange(list.bytes(), {&reply}, deadline);
     if (done.status != KV_SUCCESS) return done.status;
     if (reply.is_error()) return status_of_error(reply.error());
-    if (reply.value().type != Value::Type::array) return KV_SERVER_ERROR;
+    if (reply.value().type != Value::Type::array) {
+        connection.close();  // not a reply to FUNCTION LIST: the stream is out of step
+        return KV_SERVER_ERROR;
+    }
     *found = find_library(reply.value());
     return KV_SUCCESS;
 }
@@ -57,7 +60,14 @@ int32_t ensure_function_library(NodeConnection& connection, Deadline deadline) {
     ValueReply reply;
     const Exchange done = connection.exchange(load.bytes(), {&reply}, deadline);
     if (done.status != KV_SUCCESS) return done.status;
-    if (!reply.is_error()) return KV_SUCCESS;
+    if (!reply.is_error()) {
+        // FUNCTION LOAD answers the name of the library it loaded.
+        if (reply.value().type == Value::Type::text && reply.value().text == kFunctionLibraryName) {
+            return KV_SUCCESS;
+        }
+        connection.close();
+        return KV_SERVER_ERROR;
+    }
     const std::string_view error = reply.error();
     if (error.find("Library '") != std::string_view::npos &&
         error.find("already exists") != std::string_view::npos) {

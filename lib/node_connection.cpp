@@ -81,6 +81,11 @@ int32_t NodeConnection::greet(const NodeSettings& settings, Deadline deadline) {
         return kind == ErrorKind::auth || kind == ErrorKind::no_permission ? KV_AUTH_FAILED
                                                                            : KV_SERVER_ERROR;
     }
+    // HELLO answers a map: a flat array of names and values.
+    if (reply.value().type != Value::Type::array || reply.value().elements.size() % 2 != 0) {
+        failure_ = "the server's answer to HELLO is not a map";
+        return KV_SERVER_ERROR;
+    }
     const Value* mode = reply.value().field("mode");
     mode_ = mode != nullptr && mode->text == "cluster" ? NodeMode::cluster : NodeMode::standalone;
     return KV_SUCCESS;
@@ -94,12 +99,25 @@ Exchange NodeConnection::exchange(std::string_view bytes, std::initializer_list<
     const bool sent = status == KV_SUCCESS;
     for (auto sink = sinks.begin(); status == KV_SUCCESS && sink != sinks.end(); ++sink) {
         status = read_reply(**sink, deadline);
+        if (status == KV_SUCCESS && (*sink)->tag_follows()) {
+            (*sink)->start_tag_reply();
+            status = read_reply(**sink, deadline);
+        }
+    }
+    // Bytes after the last reply answer nothing that was asked: the stream
+    // is out of step, and the replies just read may be some other
+    // command's. Neither they nor the connection are used.
+    if (status == KV_SUCCESS && reader_->pos < reader_->len) {
+        status = KV_SERVER_ERROR;
+        failure_ = "the server sent more than the replies asked for";
     }
     if (status != KV_SUCCESS) {
         // A TLS stream that breaks once the greeting went through is a lost
         // connection like any other.
         if (status == KV_TLS_FAILED && mode_ != NodeMode::unknown) status = KV_CONNECTION_LOST;
-        if (status != KV_SERVER_ERROR && status != KV_NO_MEMORY) failure_ = socket_.failure();
+        if (status == KV_TIMEOUT || status == KV_CONNECTION_LOST || status == KV_TLS_FAILED) {
+            failure_ = socket_.failure();
+        }
         close();
         return Exchange{status, sent};
     }
@@ -111,11 +129,11 @@ int32_t NodeConnection::read_reply(ReplySink& sink, Deadline deadline) {
     set_sink(reader_.get(), &sink);
     for (;;) {
         void* reply = nullptr;
-        // A protocol error leaves the stream out of step: nothing after it
-        // can be trusted.
+        // A reply that does not fit its command, or a protocol error, leaves
+        // the stream out of step: nothing after it can be trusted.
         if (redisReaderGetReply(reader_.get(), &reply) != REDIS_OK) {
-            failure_ = "the server's reply broke the protocol";
-            return KV_SERVER_ERROR;
+            failure_ = "the server's reply does not fit its command, or breaks the protocol";
+            return sink.failure() != KV_SUCCESS ? sink.failure() : KV_SERVER_ERROR;
         }
         if (reply != nullptr) return KV_SUCCESS;
         std::size_t received = 0;

@@ -39,6 +39,8 @@ public:
                  Deadline deadline);
     void close() noexcept;
     bool is_open() const { return socket_.is_open(); }
+    // The last open() failed because the server refused the connection.
+    bool refused() const { return socket_.refused(); }
     // Open, and not closed by the server since the last exchange. A
     // connection that answered within the last millisecond is taken to be
     // alive without a look (no server restarts that fast), which keeps a

@@ -1,4 +1,4 @@
-// point_reply.cpp -- fields of small replies.
+// point_reply.cpp -- fields of small replies, checked against their shape.
 #include "point_reply.h"
 
 #include <cstring>
@@ -25,62 +25,67 @@ bool is_store_status(long long s) {
 
 }  // namespace
 
-PointReply::Field* PointReply::field_at(const ReplyPosition& at) {
-    std::size_t i = 0;
-    if (at.depth == 1 && is_array_) {
-        i = static_cast<std::size_t>(at.index);
-    } else if (at.depth != 0) {
-        malformed_ = true;  // nested arrays are not part of any point reply
-        return nullptr;
-    }
-    if (i >= kMaxFields) {
-        malformed_ = true;
-        return nullptr;
-    }
-    field_count_ = std::max(field_count_, i + 1);
-    return &fields_[i];
-}
-
-void PointReply::take_array(const ReplyPosition& at, std::size_t) {
+PointReply::Field* PointReply::field_at(const ReplyPosition& at, FieldKind kind, bool is_nil) {
     if (at.depth == 0) {
-        is_array_ = true;
-    } else {
-        malformed_ = true;
+        // Only a bare integer stands alone; a function answers an array.
+        return shape_.bare_integer && kind == FieldKind::integer ? &fields_[0] : nullptr;
     }
+    if (at.depth != 1 || !is_array_) return nullptr;  // nothing nests in a point reply
+    const auto i = static_cast<std::size_t>(at.index);
+    if (i == 0) return kind == FieldKind::integer ? &fields_[0] : nullptr;  // the status
+    const FieldKind allowed = shape_.kinds[i - 1];
+    const bool fits = allowed == kind || (allowed == FieldKind::text_or_nil &&
+                                          (kind == FieldKind::text || is_nil));
+    return fits ? &fields_[i] : nullptr;
 }
 
-void PointReply::take_integer(const ReplyPosition& at, long long value) {
-    if (Field* f = field_at(at)) {
-        f->kind = Kind::integer;
-        f->integer = value;
+bool PointReply::take_array(const ReplyPosition& at, std::size_t count) {
+    // The status alone, or the status and every field of the shape.
+    if (at.depth != 0 || shape_.bare_integer || (count != 1 && count != 1u + shape_.fields)) {
+        return false;
     }
+    is_array_ = true;
+    field_count_ = count;
+    return true;
 }
 
-void PointReply::take_nil(const ReplyPosition& at) {
-    if (Field* f = field_at(at)) f->kind = Kind::nil;
+bool PointReply::take_integer(const ReplyPosition& at, long long value) {
+    Field* f = field_at(at, FieldKind::integer, false);
+    if (f == nullptr) return false;
+    f->kind = Kind::integer;
+    f->integer = value;
+    return true;
 }
 
-void PointReply::take_text(const ReplyPosition& at, bool, const char* bytes, std::size_t len) {
-    Field* f = field_at(at);
-    if (f == nullptr) return;
-    if (at.depth == 1 && at.index == handed_field_) {
+bool PointReply::take_nil(const ReplyPosition& at) {
+    Field* f = field_at(at, FieldKind::text_or_nil, true);
+    if (f == nullptr) return false;
+    f->kind = Kind::nil;
+    return true;
+}
+
+bool PointReply::take_text(const ReplyPosition& at, bool is_bulk, const char* bytes,
+                           std::size_t len) {
+    Field* f = is_bulk ? field_at(at, FieldKind::text, false) : nullptr;
+    if (f == nullptr) return false;
+    if (at.index == handed_field_) {
         f->kind = Kind::handed;
         handed_ = mm_copy(mm_, bytes, len);
         handed_len_ = len;
+        // The reply goes on to its end, so the stream stays in step.
         if (!handed_) no_memory_ = true;
-        return;
-    }
-    if (len > kMaxText) {
+    } else if (len > kMaxText) {
         f->kind = Kind::long_text;
-        return;
+    } else {
+        f->kind = Kind::text;
+        f->len = static_cast<uint8_t>(len);
+        std::memcpy(f->text, bytes, len);
     }
-    f->kind = Kind::text;
-    f->len = static_cast<uint8_t>(len);
-    std::memcpy(f->text, bytes, len);
+    return true;
 }
 
 void PointReply::clear() {
-    is_array_ = malformed_ = no_memory_ = false;
+    is_array_ = no_memory_ = false;
     field_count_ = 0;
     fields_ = {};
     handed_.reset();
@@ -88,8 +93,12 @@ void PointReply::clear() {
 }
 
 int32_t PointReply::function_status() const {
-    if (malformed_ || !is_array_ || field_count_ == 0 || fields_[0].kind != Kind::integer ||
+    if (!is_array_ || field_count_ == 0 || fields_[0].kind != Kind::integer ||
         !is_store_status(fields_[0].integer)) {
+        return KV_SERVER_ERROR;
+    }
+    // Success comes with every field the shape has.
+    if (fields_[0].integer == KV_SUCCESS && field_count_ != 1u + shape_.fields) {
         return KV_SERVER_ERROR;
     }
     if (no_memory_) return KV_NO_MEMORY;
@@ -97,7 +106,7 @@ int32_t PointReply::function_status() const {
 }
 
 bool PointReply::top_integer(long long* out) const {
-    if (malformed_ || is_array_ || fields_[0].kind != Kind::integer) return false;
+    if (!shape_.bare_integer || fields_[0].kind != Kind::integer) return false;
     *out = fields_[0].integer;
     return true;
 }

@@ -2,10 +2,12 @@
 // (its status first, then numbers, scores, names), or of a native command
 // that answers one integer.
 //
-// Numbers and short texts are kept inline; at most one field, chosen by the
-// caller, is a bulk value that goes straight into a memory-manager buffer,
-// the one that is handed to the caller. Reading such a reply allocates
-// nothing else.
+// Each command declares the shape of its reply (PointShape), and an element
+// that does not fit it stops the reader: a reply of another command is
+// never read as this one's. Numbers and short texts are kept inline; at most
+// one field, chosen by the caller, is a bulk value that goes straight into a
+// memory-manager buffer, the one that is handed to the caller. Reading such a
+// reply allocates nothing else.
 #ifndef KELVANE_POINT_REPLY_H
 #define KELVANE_POINT_REPLY_H
 
@@ -20,12 +22,32 @@
 
 namespace kelvane {
 
+// What a field after the status may hold.
+enum class FieldKind : uint8_t { integer, text, text_or_nil };
+
+// The shape of a reply: a bare integer (DEL, PTTL), or a function's array
+// that holds its status alone or its status and exactly `fields` more, of
+// the kinds given.
+struct PointShape {
+    bool bare_integer;
+    uint8_t fields;
+    std::array<FieldKind, 2> kinds;
+};
+
+inline constexpr PointShape kBareInteger{true, 0, {}};
+inline constexpr PointShape kStatusOnly{false, 0, {}};
+inline constexpr PointShape kStatusCount{false, 1, {FieldKind::integer}};
+inline constexpr PointShape kStatusText{false, 1, {FieldKind::text}};
+inline constexpr PointShape kStatusName{false, 1, {FieldKind::text_or_nil}};
+inline constexpr PointShape kStatusScoreValue{false, 2, {FieldKind::text, FieldKind::text_or_nil}};
+inline constexpr PointShape kStatusRankValue{false, 2, {FieldKind::integer, FieldKind::text_or_nil}};
+
 class PointReply final : public ReplySink {
 public:
     // handed_field: the index of the field whose bytes become a buffer of mm
     // (-1: none).
-    explicit PointReply(kv_mm* mm = nullptr, int handed_field = -1)
-        : mm_(mm), handed_field_(handed_field) {}
+    explicit PointReply(const PointShape& shape, kv_mm* mm = nullptr, int handed_field = -1)
+        : shape_(shape), mm_(mm), handed_field_(handed_field) {}
 
     // The status of a function's reply: its first field, one of the store's
     // codes; KV_SERVER_ERROR for a reply of any other shape, KV_NO_MEMORY
@@ -38,6 +60,7 @@ public:
     // Field i (0 being the status) of an array reply.
     bool integer(std::size_t i, long long* out) const;
     bool count(std::size_t i, uint32_t* out) const;
+    // A score: a number's text, never NaN.
     bool score(std::size_t i, double* out) const;
     bool is_nil(std::size_t i) const;
     // The handed field: its buffer (released by the reply unless taken) and
@@ -45,23 +68,22 @@ public:
     MmBuffer take_handed() { return std::move(handed_); }
     std::size_t handed_len() const { return handed_len_; }
 
-    void take_array(const ReplyPosition& at, std::size_t count) override;
-    void take_integer(const ReplyPosition& at, long long value) override;
-    void take_nil(const ReplyPosition& at) override;
-
 private:
-    void take_text(const ReplyPosition& at, bool is_status, const char* bytes,
+    bool take_text(const ReplyPosition& at, bool is_bulk, const char* bytes,
                    std::size_t len) override;
+    bool take_array(const ReplyPosition& at, std::size_t count) override;
+    bool take_integer(const ReplyPosition& at, long long value) override;
+    bool take_nil(const ReplyPosition& at) override;
     void clear() override;
-    // The field at this position, or nullptr for an element the reply does
-    // not keep (which makes the reply malformed).
+    // The field at this position if the shape has room there for an element
+    // of this kind, else nullptr.
     struct Field;
-    Field* field_at(const ReplyPosition& at);
+    Field* field_at(const ReplyPosition& at, FieldKind kind, bool is_nil);
 
     // long_text: a text longer than any field the client reads inline (a
     // name it does not need); reading it as a score fails.
     enum class Kind : uint8_t { absent, integer, text, long_text, handed, nil };
-    static constexpr std::size_t kMaxFields = 4;
+    static constexpr std::size_t kMaxFields = 3;
     static constexpr std::size_t kMaxText = 48;  // a score's text is at most 24 bytes
     struct Field {
         Kind kind = Kind::absent;
@@ -70,12 +92,12 @@ private:
         char text[kMaxText];
     };
 
+    PointShape shape_;
     kv_mm* mm_;
     int handed_field_;
     bool is_array_ = false;
-    bool malformed_ = false;
     bool no_memory_ = false;
-    std::size_t field_count_ = 0;
+    std::size_t field_count_ = 0;  // as the array announced it
     std::array<Field, kMaxFields> fields_;
     MmBuffer handed_;
     std::size_t handed_len_ = 0;

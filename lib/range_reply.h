@@ -6,9 +6,14 @@
 // otherwise) and values holds one value or nil per member when values were
 // asked for. As each element arrives it is copied, suffix appended, into a
 // buffer of the memory manager, or written into the score array, so a result
-// of n members costs one allocation per member and per value and nothing
-// more. Until hand_out() the reply owns all of it and releases it when it
-// goes.
+// of n members costs one allocation per member and per value and a few for
+// the arrays. Until hand_out() the reply owns all of it and releases it when
+// it goes.
+//
+// An announced member count is believed only as far as bytes that arrived
+// can back it: the arrays start with room for what the reader holds and
+// grow as members come, so a short reply that announces millions costs
+// nothing. No result holds more than kMaxMembers.
 #ifndef KELVANE_RANGE_REPLY_H
 #define KELVANE_RANGE_REPLY_H
 
@@ -35,6 +40,10 @@ struct RangeOut {
 
 class RangeReply final : public ReplySink {
 public:
+    // The most members one range read hands back (2^26); a reply that
+    // announces more is a server error.
+    static constexpr std::size_t kMaxMembers = std::size_t{1} << 26;
+
     RangeReply(kv_mm* mm, std::string_view suffix, bool with_scores, bool with_values)
         : mm_(mm), suffix_(suffix), with_scores_(with_scores), with_values_(with_values) {}
     ~RangeReply() override { clear(); }
@@ -49,16 +58,19 @@ public:
     // KV_SUCCESS). An empty result leaves every array null.
     void hand_out(const RangeOut& out);
 
-    void take_array(const ReplyPosition& at, std::size_t count) override;
-    void take_integer(const ReplyPosition& at, long long value) override;
-    void take_nil(const ReplyPosition& at) override;
-
 private:
-    void take_text(const ReplyPosition& at, bool is_status, const char* bytes,
+    bool take_text(const ReplyPosition& at, bool is_bulk, const char* bytes,
                    std::size_t len) override;
+    bool take_array(const ReplyPosition& at, std::size_t count) override;
+    bool take_integer(const ReplyPosition& at, long long value) override;
+    bool take_nil(const ReplyPosition& at) override;
     void clear() override;
-    void open_items(std::size_t count);
-    void open_values(std::size_t count);
+    bool open_items(std::size_t count);
+    bool open_values(std::size_t count);
+    // Makes room for member m in the member arrays, which grow by what the
+    // reader holds and at least double, never past n_. False when the
+    // memory manager said no.
+    bool make_room(std::size_t m);
     // Puts item i (bytes followed by the suffix and a zero byte its length
     // does not count) into items and lens; notes a refused buffer.
     void store_item(const MmBuffer& items, const MmBuffer& lens, std::size_t i,
@@ -70,12 +82,13 @@ private:
     std::string_view suffix_;
     bool with_scores_;
     bool with_values_;
-    bool is_array_ = false;
-    bool malformed_ = false;
     bool no_memory_ = false;
     bool have_status_ = false;
     long long status_ = 0;
-    std::size_t n_ = 0;  // members in the result
+    std::size_t fields_ = 0;    // after the status: 0, or items and values
+    std::size_t n_ = 0;         // members announced
+    std::size_t room_ = 0;      // entries in the member arrays
+    std::size_t values_n_ = 0;  // entries in the value arrays
     MmBuffer members_, members_len_, scores_, values_, values_len_;
 };
 

@@ -54,6 +54,17 @@ Request& Request::arg_joined(std::string_view a, std::string_view b, std::string
     return *this;
 }
 
+Request& Request::then_ping(std::string_view tag) {
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof digits, tag.size()).ptr;
+    buffer_ += "*2\r\n$4\r\nPING\r\n$";
+    buffer_.append(digits, end);
+    buffer_ += "\r\n";
+    buffer_.append(tag);
+    buffer_ += "\r\n";
+    return *this;
+}
+
 Request& Request::score(double value) {
     char text[32];
     const int n = std::snprintf(text, sizeof text, "%.17g", value);

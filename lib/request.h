@@ -34,6 +34,11 @@ public:
     // The number of keys a function call declares.
     Request& key_count(std::size_t n);
 
+    // Appends "PING <tag>" as a command of its own after this one: the
+    // server's echo of it, read right after this command's reply, proves
+    // that reply to be this command's. Nothing may be added after it.
+    Request& then_ping(std::string_view tag);
+
     std::size_t argc() const { return argc_; }
     // The whole command, header included. Valid until the next start().
     std::string_view bytes();

@@ -78,8 +78,9 @@ int32_t Router::connect(Node& n, Deadline deadline, int attempts) {
             return status;
         }
         note(status, n, n.connection.failure());
-        // Only a failure to reach the server is worth another attempt.
-        if (status != KV_CONNECT_FAILED) break;
+        // Only a failure to reach the server is worth another attempt, and
+        // not a refusal: nothing listens there now.
+        if (status != KV_CONNECT_FAILED || n.connection.refused()) break;
     }
     return status;
 }

@@ -43,7 +43,8 @@ int poll_millis(Deadline deadline) {
     return left > 0x7fffffff ? 0x7fffffff : static_cast<int>(left);
 }
 
-// Waits until a non-blocking connect on fd completes or the deadline passes.
+// Waits until a non-blocking connect on fd completes or the deadline passes;
+// errno says why it did not.
 bool finish_connect(int fd, Deadline deadline) {
     for (;;) {
         pollfd p{fd, POLLOUT, 0};
@@ -84,6 +85,7 @@ Socket& Socket::operator=(Socket&& other) noexcept {
         close();
         fd_ = other.fd_;
         tls_ = std::move(other.tls_);
+        refused_ = other.refused_;
         receive_timeout_ = other.receive_timeout_;
         send_timeout_ = other.send_timeout_;
         other.fd_ = -1;
@@ -93,6 +95,7 @@ Socket& Socket::operator=(Socket&& other) noexcept {
 
 int32_t Socket::connect(const std::string& host, int port, Deadline deadline) {
     close();
+    refused_ = false;
     if (is_socket_path(host)) {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -103,6 +106,9 @@ int32_t Socket::connect(const std::string& host, int port, Deadline deadline) {
         std::memcpy(address.sun_path, host.c_str(), host.size() + 1);
         fd_ = try_address(AF_UNIX, reinterpret_cast<const sockaddr*>(&address), sizeof address, deadline);
         if (fd_ >= 0) return KV_SUCCESS;
+        // No socket file, or nobody listening on it: trying again at once
+        // would meet the same.
+        refused_ = errno == ECONNREFUSED || errno == ENOENT;
         failure_ = std::string("cannot connect: ") + std::strerror(errno);
         return KV_CONNECT_FAILED;
     }
@@ -117,9 +123,12 @@ int32_t Socket::connect(const std::string& host, int port, Deadline deadline) {
     }
     std::unique_ptr<addrinfo, AddrInfoFree> addresses(found);
     failure_ = "cannot connect: no time left";
+    bool all_refused = true, tried = false;
     for (const addrinfo* a = addresses.get(); a != nullptr && !deadline.passed(); a = a->ai_next) {
         const int fd = try_address(a->ai_family, a->ai_addr, a->ai_addrlen, deadline);
+        tried = true;
         if (fd < 0) {
+            all_refused = all_refused && errno == ECONNREFUSED;
             failure_ = std::string("cannot connect: ") + std::strerror(errno);
             continue;
         }
@@ -131,6 +140,7 @@ int32_t Socket::connect(const std::string& host, int port, Deadline deadline) {
         setsockopt(fd_, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
         return KV_SUCCESS;
     }
+    refused_ = tried && all_refused;
     return KV_CONNECT_FAILED;
 }
 

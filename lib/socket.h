@@ -39,6 +39,9 @@ public:
     int32_t connect(const std::string& host, int port, Deadline deadline);
     // Turns the connection into a TLS one (TlsSession::start).
     int32_t start_tls(const TlsContext& context, const std::string& name, Deadline deadline);
+    // Whether the last connect() failed because every address refused it:
+    // nothing listens there, and trying again at once would meet the same.
+    bool refused() const { return refused_; }
     void close() noexcept;
     bool is_open() const { return fd_ >= 0; }
     bool is_tls() const { return tls_ != nullptr; }
@@ -76,6 +79,7 @@ private:
     int fd_ = -1;
     std::unique_ptr<TlsSession> tls_;
     std::string failure_;
+    bool refused_ = false;
     Micros receive_timeout_{0};  // 0: not set yet (the kernel's "forever")
     Micros send_timeout_{0};
 };

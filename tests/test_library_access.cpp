@@ -9,11 +9,11 @@ namespace kelvane_test {
 namespace {
 
 // The documented minimal ACL of a kelvane user (docs/design.md): the commands the client sends itself (FCALL,
-// FUNCTION LIST, DEL, PTTL; HELLO and AUTH need no right), every command the server functions call, and kelvane's
-// keys alone.
+// FUNCTION LIST, DEL, PTTL and the PING that tags them; HELLO and AUTH need no right), every command the server
+// functions call, and kelvane's keys alone.
 const Strings kMinimalAcl = {
     "~kv{*",
-    "+fcall", "+function|list", "+del", "+pttl",
+    "+fcall", "+function|list", "+del", "+pttl", "+ping",
     "+exists", "+type", "+expire", "+pexpireat", "+pexpiretime", "+persist",
     "+sadd", "+scard",
     "+zadd", "+zcard", "+zcount", "+zincrby", "+zrange", "+zrank", "+zrevrank", "+zrem", "+zremrangebyrank",

@@ -14,7 +14,8 @@
 -- when committed. Scores arrive as %.17g text and leave as Redis's own text
 -- of a stored score (exact) or through score_text(), never through Lua's
 -- number-to-text (14 digits). Replies are arrays whose first element is the
--- status, numbered as in the client header.
+-- status, numbered as in the client header, and whose last is the tag the
+-- client sent with the call (register, below).
 --
 -- A server command costs about as much inside a function as a native one,
 -- and FCALL itself about three, so each function makes as few as it can:
@@ -144,6 +145,18 @@ end
 -- Writes carry no flag, so a server at maxmemory refuses them before they
 -- run. Reads write nothing; removals only ever shrink the data, so they run
 -- on a full server too.
+--
+-- Every function takes one argument more than its own, last: a tag the
+-- client chose for the call, which the reply carries back as its last
+-- element (error replies carry none). A reply that ends with another tag is
+-- another call's, left in the stream by a server that answered twice, and
+-- the client drops the connection instead of believing it.
 local function register(op, callback, flags)
-  redis.register_function{ function_name = LIBRARY .. '_' .. op, callback = callback, flags = flags }
+  local function tagged(keys, args)
+    local tag = table.remove(args)
+    local reply = callback(keys, args)
+    if reply.err == nil then reply[#reply + 1] = tag end
+    return reply
+  end
+  redis.register_function{ function_name = LIBRARY .. '_' .. op, callback = tagged, flags = flags }
 end
