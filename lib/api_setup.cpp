@@ -104,6 +104,8 @@ extern "C" int32_t kv_server_add_options(kv_client* client, const char* host, ui
     });
 }
 
+#undef KV_OPTION
+
 extern "C" char* voidtostring(const void* item, size_t len, kv_mm* mm) {
     if (mm == nullptr || !kelvane::bytes_ok(item, len)) return nullptr;
     return kelvane::mm_copy(mm, static_cast<const char*>(item), len).release();
