@@ -5,6 +5,7 @@
 #
 #   bench/run-compare.sh [kelvane_compare options]          the comparison
 #   bench/run-compare.sh --strace [kelvane_compare options] the system-call cross-check
+#   bench/run-compare.sh --tls [kelvane_tls_compare options] a TLS call against a plaintext one
 #
 # The cross-check runs a short pass with client and server on one CPU, a
 # fixed number of calls per side, under strace (client process only: the
@@ -19,20 +20,25 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 build_dir=${KELVANE_BUILD_DIR:-build}
 
-strace_check=0
+strace_check=0 tls=0
 if [[ ${1:-} == --strace ]]; then
   strace_check=1
+  shift
+elif [[ ${1:-} == --tls ]]; then
+  tls=1
   shift
 fi
 
 # Whatever is missing comes from the project's set-up, which also builds.
 needed=(g++ cmake redis-server pkg-config)
 ((strace_check)) && needed+=(strace)
+((tls)) && needed+=(openssl)
 missing=0
 for tool in "${needed[@]}"; do
   command -v "$tool" >/dev/null || missing=1
 done
 ((missing)) || pkg-config --exists hiredis || missing=1
+((missing)) || pkg-config --exists openssl || missing=1
 if ((missing)); then
   scripts/setup.sh --tests "$build_dir"
 fi
@@ -41,8 +47,10 @@ fi
 if [[ ! -f $build_dir/CMakeCache.txt ]]; then
   cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo >&2
 fi
-cmake --build "$build_dir" -j2 --target kelvane_compare >&2
-bin="$build_dir/bench/kelvane_compare"
+target=kelvane_compare
+((tls)) && target=kelvane_tls_compare
+cmake --build "$build_dir" -j2 --target "$target" >&2
+bin="$build_dir/bench/$target"
 
 # Runs a command inside a private network namespace with loopback up, or
 # as it is when unshare is not permitted here.

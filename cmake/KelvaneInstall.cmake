@@ -1,6 +1,6 @@
 # KelvaneInstall.cmake -- installation with the GNU directory conventions, in three components that the Debian
 # packages follow (lib is GNUInstallDirs' libdir: lib, or lib/<multiarch tuple> for the prefix /usr on Debian):
-#   library      lib/libkelvane.so.1.0.0 and its soname link libkelvane.so.1
+#   library      lib/libkelvane.so.1.1.0 and its soname link libkelvane.so.1
 #   development  include/kelvane.h, the link libkelvane.so, lib/pkgconfig/kelvane.pc and
 #                lib/cmake/kelvane/ (find_package(kelvane) with the imported target kelvane::kelvane)
 #   zset         bin/zset and bin/zset-report

@@ -6,8 +6,8 @@
 #   zset                zset and zset-report (component zset)
 #   libkelvane1-dbgsym, zset-dbgsym   the debug information CPack strips from the other two's programs (.ddeb)
 # Each package has a description of its own and carries /usr/share/doc/<package>/copyright (machine-readable,
-# made from LICENSE) and changelog.Debian.gz. The library's dependencies (libc, libstdc++, hiredis) come from
-# dpkg-shlibdeps; the other two depend on the library package of the same version.
+# made from LICENSE) and changelog.Debian.gz. The library's dependencies (libc, libstdc++, hiredis, OpenSSL) come
+# from dpkg-shlibdeps; the other two depend on the library package of the same version.
 set(CPACK_PACKAGE_NAME kelvane)
 set(CPACK_PACKAGE_VERSION ${KELVANE_VERSION})
 set(KELVANE_PACKAGE_MAINTAINER "The kelvane authors <kelvane-authors@example.org>" CACHE STRING

@@ -47,6 +47,19 @@
 extern "C" {
 #endif
 
+/* ---- Version ----------------------------------------------------------- */
+/* The version of this header. kv_version() names the library actually
+ * loaded, which may be newer (any 1.x runs a program built against 1.0). */
+#define KELVANE_VERSION_MAJOR 1
+#define KELVANE_VERSION_MINOR 1
+#define KELVANE_VERSION_PATCH 0
+#define KELVANE_VERSION_STRING "1.1.0"
+#define KELVANE_VERSION_NUMBER \
+    (KELVANE_VERSION_MAJOR * 10000 + KELVANE_VERSION_MINOR * 100 + KELVANE_VERSION_PATCH)
+
+/* The loaded library's version as text, "1.1.0". */
+const char *kv_version(void);
+
 /* ---- Status codes ------------------------------------------------------ */
 
 #define KV_SUCCESS            0  /* the operation was carried out */
@@ -79,6 +92,15 @@ extern "C" {
 #define KV_LIBRARY_MISMATCH  110 /* the server holds another library under kelvane's function
                                     names (another version or foreign content); nothing ran */
 #define KV_NOT_PERMITTED     111 /* the server's access rules do not let this user run the call */
+#define KV_TLS_FAILED        112 /* the TLS handshake failed: no TLS at the other end (a handshake
+                                    with no answer within the connect timeout counts), TLS where we
+                                    spoke plain, no common protocol, or the server refused our
+                                    certificate or wants one */
+#define KV_CERT_REJECTED     113 /* the server's certificate failed verification: untrusted chain,
+                                    name mismatch, expired or not yet valid */
+#define KV_BAD_SETTINGS      114 /* a setting (options or environment) cannot be used: an unknown
+                                    TLS mode, a file that is missing, unreadable or not a
+                                    certificate or key, a key that does not match its certificate */
 
 /* ---- Sorted-set flags of the variadic reads ---------------------------- */
 /* Optional arguments follow the flags in this order, each group only when
@@ -168,8 +190,10 @@ kv_client *kv_client_create(int32_t connect_timeout_s, int32_t command_timeout_s
 void kv_client_destroy(kv_client *client);
 
 /* Adds a seed: a server of the store (host as dotted-decimal text or a
- * name, and port) with the credentials to present to it (NULL: none), and
- * connects to it at once. May be called several times; every seed belongs to
+ * name, or the path of a Unix socket, and port) with the credentials to
+ * present to it (NULL: those of the environment, KELVANE_USER and
+ * KELVANE_PASSWORD, if any), and connects to it at once. TLS settings come
+ * from the environment (kv_server_add_options). May be called several times; every seed belongs to
  * the same store.
  * - A standalone server is the store: calls go to the first seed that
  *   answers, and to the next seed when it cannot be reached.
@@ -180,12 +204,105 @@ void kv_client_destroy(kv_client *client);
  *   credentials of the first seed that has some.
  * A seed is registered before its connection is tried and stays registered
  * whatever the attempt meets: later calls try it again, and the status says
- * why this attempt failed (KV_CLUSTER_DOWN for a cluster node that serves no
- * slot, while no seed has given the slot map). The same host and port twice
- * gives KV_ALREADY_EXISTS; a standalone server next to a cluster gives
- * KV_INVALID_PARAMETER. */
+ * why this attempt failed (kv_last_error() in words; KV_CLUSTER_DOWN for a
+ * cluster node that serves no slot, while no seed has given the slot map).
+ * Settings that cannot be used give KV_BAD_SETTINGS and register nothing.
+ * The same host and port twice gives KV_ALREADY_EXISTS; a standalone server
+ * next to a cluster gives KV_INVALID_PARAMETER. */
 int32_t kv_server_add(kv_client *client, const char *host, uint32_t port,
                       const kv_credentials *credentials);
+
+/* ---- Connection settings: TLS, Unix sockets, the environment ----------- */
+/* TLS modes of kv_server_options.tls_mode and KELVANE_TLS_MODE. */
+#define KV_TLS_UNSET       0 /* the environment decides (KELVANE_TLS_MODE); when that is unset too:
+                                verify-full if a CA file or directory, a client certificate or a
+                                server name is given, else disable */
+#define KV_TLS_DISABLE     1 /* plaintext */
+#define KV_TLS_REQUIRE     2 /* encrypt, check nothing: INSECURE against an active attacker, who
+                                can stand in for the server and read the password */
+#define KV_TLS_VERIFY_CA   3 /* the server's chain must lead to a trusted CA; any name */
+#define KV_TLS_VERIFY_FULL 4 /* the chain and the name; the default whenever TLS is on and no mode
+                                is given */
+
+/* Settings of one seed, for kv_server_add_options. Each member that is NULL
+ * (or KV_TLS_UNSET) is taken from the environment variable named beside it;
+ * an empty variable counts as unset. Start from KV_SERVER_OPTIONS_INIT and
+ * set what you need:
+ *
+ *     kv_server_options o = KV_SERVER_OPTIONS_INIT;
+ *     o.tls_mode = KV_TLS_VERIFY_FULL;
+ *     o.tls_ca_file = "/etc/ssl/redis/ca.crt";
+ *     status = kv_server_add_options(client, "redis.example.net", 6380, &o);
+ *
+ * - TLS is on when the mode is require, verify-ca or verify-full, or when no
+ *   mode is given anywhere but a CA file or directory, a client certificate
+ *   or a server name is (then verify-full): asking for a check never falls
+ *   back to plaintext. TLS 1.2 and 1.3 only. The chain
+ *   is checked against tls_ca_file and tls_ca_dir (a directory hashed with
+ *   `openssl rehash`), or the system's store when neither is given.
+ * - verify-full checks the name the certificate is for against the seed's
+ *   host (an IP address against the certificate's IP addresses), or against
+ *   tls_server_name. A cluster's nodes are checked against the address the
+ *   cluster announces for each, or all against tls_server_name when it is
+ *   given. The name is also sent as SNI (host names only: an IP address is
+ *   never sent as SNI).
+ * - A host that begins with '/' is the path of a Unix domain socket (the
+ *   port is then not used, and may be anything). It is plaintext unless
+ *   the options themselves set tls_mode: KELVANE_TLS_MODE applies to TCP
+ *   seeds only (Redis serves its Unix socket without TLS). verify-full over
+ *   a socket needs tls_server_name.
+ * - user and password: AUTH happens when a password is given (here or in
+ *   KELVANE_PASSWORD); the user is then user, KELVANE_USER, or "default".
+ *   The library keeps the password in memory it wipes when it is no longer
+ *   needed, and never puts it in any text it returns.
+ * - size: later versions append members and read only those the caller's
+ *   size covers; members past it count as NULL. */
+typedef struct kv_server_options {
+    size_t size;                 /* sizeof(kv_server_options) as the caller compiled it */
+    const char *user;            /* NULL: KELVANE_USER, else "default" */
+    const char *password;        /* NULL: KELVANE_PASSWORD, else no AUTH */
+    int32_t tls_mode;            /* KV_TLS_*; KV_TLS_UNSET: KELVANE_TLS_MODE (disable, require,
+                                    verify-ca or verify-full) */
+    const char *tls_ca_file;     /* PEM CA certificates; NULL: KELVANE_TLS_CA_FILE */
+    const char *tls_ca_dir;      /* NULL: KELVANE_TLS_CA_DIR; with neither: the system store */
+    const char *tls_cert_file;   /* client certificate (PEM), for servers that require one;
+                                    NULL: KELVANE_TLS_CERT_FILE */
+    const char *tls_key_file;    /* its private key (PEM, unencrypted); NULL: KELVANE_TLS_KEY_FILE,
+                                    else the certificate file */
+    const char *tls_server_name; /* the name to check and send as SNI instead of the host, for
+                                    every node of the store; NULL: KELVANE_TLS_SERVER_NAME */
+} kv_server_options;
+#define KV_SERVER_OPTIONS_INIT \
+    { sizeof(kv_server_options), NULL, NULL, KV_TLS_UNSET, NULL, NULL, NULL, NULL, NULL }
+
+/* As kv_server_add, with options; NULL options: everything from the
+ * environment. kv_server_add(client, host, port, NULL) takes user, password
+ * and TLS from the environment too; kv_server_add with credentials takes
+ * them from those and TLS from the environment.
+ * KV_BAD_SETTINGS, with the reason in kv_last_error(), when a setting cannot
+ * be used: an unknown mode, a file that is missing or unreadable or holds no
+ * certificate or key, a key that does not match its certificate, verify-full
+ * on a Unix socket without tls_server_name. Such a seed is NOT registered;
+ * every other failure leaves it registered, as with kv_server_add. A size
+ * too small to cover the user member gives KV_INVALID_PARAMETER.
+ * Nodes a cluster names are reached with the settings (credentials and TLS)
+ * of the first seed that has credentials, or else of the first seed. */
+int32_t kv_server_add_options(kv_client *client, const char *host, uint32_t port,
+                              const kv_server_options *options);
+
+/* ---- Why a call failed ------------------------------------------------- */
+
+/* Why the client's last call failed, in words: the certificate check's
+ * reason, the server's error line, the file that could not be read...; ""
+ * when the last call succeeded or gave an answer of the store (KV_NOTFOUND,
+ * KV_ALREADY_EXISTS, KV_NO_SET_KEY, KV_WRONG_REPLY). Valid until the
+ * client's next call. Never holds a password. While a client is used by one
+ * thread, this is that thread's last call. NULL client: a text that says
+ * so. */
+const char *kv_last_error(const kv_client *client);
+
+/* The name of a status, "KV_TIMEOUT"; "unknown status" for others. */
+const char *kv_status_name(int32_t status);
 
 /* ---- Keys of any kind -------------------------------------------------- */
 

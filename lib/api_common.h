@@ -32,12 +32,15 @@ int32_t guarded(Body&& body) noexcept {
     }
 }
 
-// The same for a call of client, whose deadline starts here, before its
-// arguments are checked and its command is built.
+// The same for a call of client (which may be NULL), whose deadline starts
+// here, before its arguments are checked and its command is built; keeps why
+// the call failed, for kv_last_error.
 template <class Body>
 int32_t guarded(kv_client* client, Body&& body) noexcept {
     if (client != nullptr) client->enter();
-    return guarded(std::forward<Body>(body));
+    const int32_t status = guarded(std::forward<Body>(body));
+    if (client != nullptr) client->finish_call(status);
+    return status;
 }
 
 // A byte string may be null only when it is empty.

@@ -1,10 +1,15 @@
-// api_setup.cpp -- clients, server registration and voidtostring.
+// api_setup.cpp -- clients, server registration (with settings from the
+// caller and the environment) and voidtostring.
 #include <chrono>
+#include <cstddef>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <string>
 
 #include "api_common.h"
 #include "memory_manager.h"
+#include "settings.h"
 
 using kelvane::guarded;
 
@@ -32,24 +37,74 @@ extern "C" kv_client* kv_client_create(int32_t connect_timeout_s, int32_t comman
 
 extern "C" void kv_client_destroy(kv_client* client) { delete client; }
 
+namespace {
+
+// Registers host:port (or the socket path host) with the settings given
+// and the environment's.
+int32_t add_server(kv_client* client, const char* host, uint32_t port,
+                   const kelvane::GivenSettings& given) {
+    const bool path = kelvane::is_socket_path(host);
+    if (!path && (port == 0 || port > 65535)) return KV_INVALID_PARAMETER;
+    std::shared_ptr<const kelvane::NodeSettings> settings;
+    std::string why;
+    const int32_t status = kelvane::resolve_settings(given, host, &settings, &why);
+    if (status != KV_SUCCESS) {
+        client->router.note_failure(status, std::move(why));
+        return status;
+    }
+    // A socket path names the server alone: the port plays no part.
+    const kelvane::Endpoint seed{host, path ? 0 : static_cast<int>(port)};
+    return client->router.add_seed(seed, std::move(settings), client->deadline);
+}
+
+// Whether the caller's options structure reaches past a member that ends at
+// end bytes from its start.
+bool covers(const kv_server_options* o, std::size_t end) { return o->size >= end; }
+#define KV_OPTION(o, member, unset) \
+    (covers(o, offsetof(kv_server_options, member) + sizeof(o->member)) ? o->member : unset)
+
+}  // namespace
+
 extern "C" int32_t kv_server_add(kv_client* client, const char* host, uint32_t port,
                                  const kv_credentials* credentials) {
     return guarded(client, [&] {
-        if (client == nullptr || host == nullptr || *host == '\0' || port == 0 || port > 65535) {
-            return KV_INVALID_PARAMETER;
-        }
+        if (client == nullptr || host == nullptr || *host == '\0') return KV_INVALID_PARAMETER;
         if (credentials != nullptr && credentials->password == nullptr) {
             return KV_INVALID_PARAMETER;
         }
-        kelvane::Endpoint seed{host, static_cast<int>(port)};
-        std::optional<kelvane::Credentials> given;
+        kelvane::GivenSettings given;
         if (credentials != nullptr) {
-            given = kelvane::Credentials{credentials->user != nullptr ? credentials->user : "default",
-                                         credentials->password};
+            given.credentials_given = true;
+            given.user = credentials->user;
+            given.password = credentials->password;
         }
-        return client->router.add_seed(seed, given, client->deadline);
+        return add_server(client, host, port, given);
     });
 }
+
+extern "C" int32_t kv_server_add_options(kv_client* client, const char* host, uint32_t port,
+                                         const kv_server_options* options) {
+    return guarded(client, [&] {
+        if (client == nullptr || host == nullptr || *host == '\0') return KV_INVALID_PARAMETER;
+        kelvane::GivenSettings given;
+        if (options != nullptr) {
+            if (!covers(options, offsetof(kv_server_options, user) + sizeof(options->user))) {
+                return KV_INVALID_PARAMETER;
+            }
+            given.user = KV_OPTION(options, user, nullptr);
+            given.password = KV_OPTION(options, password, nullptr);
+            given.tls_mode = KV_OPTION(options, tls_mode, KV_TLS_UNSET);
+            given.ca_file = KV_OPTION(options, tls_ca_file, nullptr);
+            given.ca_dir = KV_OPTION(options, tls_ca_dir, nullptr);
+            given.cert_file = KV_OPTION(options, tls_cert_file, nullptr);
+            given.key_file = KV_OPTION(options, tls_key_file, nullptr);
+            given.server_name = KV_OPTION(options, tls_server_name, nullptr);
+        }
+        return add_server(client, host, port, given);
+    });
+}
+
+#undef KV_OPTION
 
 extern "C" char* voidtostring(const void* item, size_t len, kv_mm* mm) {
     if (mm == nullptr || !kelvane::bytes_ok(item, len)) return nullptr;

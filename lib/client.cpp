@@ -4,6 +4,7 @@
 #include <charconv>
 
 #include "server_keys.h"
+#include "status_text.h"
 
 std::string_view kv_client::next_tag() {
     const char* end = std::to_chars(tag_, tag_ + sizeof tag_, ++calls_).ptr;
@@ -24,4 +25,14 @@ int32_t kv_client::run_command(const char* key, std::size_t key_len, kelvane::Re
     request.then_ping(tag);
     sink.expect_tag(tag, kelvane::TagPlace::own_reply);
     return router.run(request, kelvane::key_slot(key, key_len), sink, false, deadline);
+}
+
+void kv_client::finish_call(int32_t status) {
+    if (!kelvane::is_failure(status)) {
+        last_error.clear();
+    } else {
+        const kelvane::Router::Failure& why = router.failure();
+        last_error = why.status == status && !why.text.empty() ? why.text : kelvane::status_meaning(status);
+    }
+    router.forget_failure();
 }

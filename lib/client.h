@@ -1,12 +1,13 @@
 // client.h -- the state behind a kv_client handle: its settings, its memory
 // manager, the router that reaches the servers, the request buffer that
-// every call writes its command into, and the deadline and tag of the call
-// under way.
+// every call writes its command into, the deadline and tag of the call
+// under way, and why its last call failed.
 #ifndef KELVANE_CLIENT_H
 #define KELVANE_CLIENT_H
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "deadline.h"
@@ -34,10 +35,15 @@ struct kv_client {
     // Runs a plain command on the node that serves K.
     int32_t run_command(const char* key, std::size_t key_len, kelvane::ReplySink& sink);
 
+    // Ends an exported call with status: keeps why it failed, in words, for
+    // kv_last_error, or forgets any earlier failure.
+    void finish_call(int32_t status);
+
     kv_mm* mm;
     kelvane::RouterSettings settings;
     kelvane::Router router;
     kelvane::Request request;
+    std::string last_error;
     kelvane::Clock::duration bound;  // connect_attempts × connect timeout + command timeout
     kelvane::Deadline deadline = kelvane::Deadline::after({});  // of the call under way
 

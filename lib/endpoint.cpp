@@ -22,4 +22,9 @@ std::optional<Endpoint> parse_endpoint(std::string_view text) {
     return e;
 }
 
+std::string describe(const Endpoint& endpoint) {
+    if (is_socket_path(endpoint.host)) return endpoint.host;
+    return endpoint.host + ":" + std::to_string(endpoint.port);
+}
+
 }  // namespace kelvane

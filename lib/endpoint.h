@@ -1,5 +1,5 @@
-// endpoint.h -- the address of one server node, and the credentials the
-// client presents to every node.
+// endpoint.h -- the address of one server node: a host and port, or the
+// path of a Unix domain socket.
 #ifndef KELVANE_ENDPOINT_H
 #define KELVANE_ENDPOINT_H
 
@@ -21,10 +21,11 @@ struct Endpoint {
 // be empty (the cluster does not know it) and may itself hold colons (IPv6).
 std::optional<Endpoint> parse_endpoint(std::string_view text);
 
-struct Credentials {
-    std::string user;  // "default" when none was given
-    std::string password;
-};
+// A host that is the path of a Unix domain socket.
+inline bool is_socket_path(std::string_view host) { return !host.empty() && host.front() == '/'; }
+
+// "host:port", or the path of a Unix socket, for messages.
+std::string describe(const Endpoint& endpoint);
 
 }  // namespace kelvane
 

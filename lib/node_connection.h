@@ -1,6 +1,7 @@
-// node_connection.h -- one connection to one server node: the socket, the
-// protocol reader, the greeting (HELLO, with AUTH when the client has
-// credentials) and request-reply exchanges bounded by a deadline.
+// node_connection.h -- one connection to one server node: the socket (TLS
+// when the settings say so), the protocol reader, the greeting (HELLO, with
+// AUTH when the settings have credentials) and request-reply exchanges
+// bounded by a deadline.
 #ifndef KELVANE_NODE_CONNECTION_H
 #define KELVANE_NODE_CONNECTION_H
 
@@ -8,12 +9,13 @@
 #include <chrono>
 #include <cstdint>
 #include <initializer_list>
-#include <optional>
+#include <string>
 #include <string_view>
 
 #include "deadline.h"
 #include "endpoint.h"
 #include "reply_sink.h"
+#include "settings.h"
 #include "socket.h"
 
 namespace kelvane {
@@ -28,11 +30,13 @@ struct Exchange {
 
 class NodeConnection {
 public:
-    // Connects within connect_deadline, then greets the server within
-    // deadline and learns whether it is a cluster node. KV_SUCCESS or the
-    // status that says why not (KV_AUTH_FAILED for refused credentials).
-    int32_t open(const Endpoint& endpoint, const std::optional<Credentials>& credentials,
-                 Deadline connect_deadline, Deadline deadline);
+    // Connects (and handshakes, for TLS) within connect_deadline, then
+    // greets the server within deadline and learns whether it is a cluster
+    // node. KV_SUCCESS or the status that says why not (KV_AUTH_FAILED for
+    // refused credentials, KV_TLS_FAILED, KV_CERT_REJECTED), with failure()
+    // saying it in words.
+    int32_t open(const Endpoint& endpoint, const NodeSettings& settings, Deadline connect_deadline,
+                 Deadline deadline);
     void close() noexcept;
     bool is_open() const { return socket_.is_open(); }
     // The last open() failed because the server refused the connection.
@@ -46,6 +50,8 @@ public:
         return socket_.idle_and_alive();
     }
     NodeMode mode() const { return mode_; }
+    // Why the last failed open or exchange failed, in words.
+    const std::string& failure() const { return failure_; }
 
     // Sends bytes, which hold one command per sink, and reads each reply
     // into its sink, all before the deadline.
@@ -54,7 +60,7 @@ public:
 
 private:
     int32_t read_reply(ReplySink& sink, Deadline deadline);
-    int32_t greet(const std::optional<Credentials>& credentials, Deadline deadline);
+    int32_t greet(const NodeSettings& settings, Deadline deadline);
 
     static constexpr std::chrono::milliseconds kSurelyAliveFor{1};
 
@@ -62,6 +68,7 @@ private:
     Reader reader_;
     Clock::time_point last_reply_{};
     NodeMode mode_ = NodeMode::unknown;
+    std::string failure_;
     std::array<char, 16 * 1024> buffer_;
 };
 

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstdio>
 
+#include "secret.h"
 #include "server_keys.h"
 
 namespace kelvane {
@@ -13,6 +14,12 @@ Request& Request::start() {
     argc_ = 0;
     count_from_ = count_to_ = key_count_ = values_from_ = values_to_ = main_at_ = main_len_ = 0;
     return *this;
+}
+
+void Request::wipe() noexcept {
+    wipe_bytes(buffer_.data(), buffer_.size());
+    buffer_.clear();
+    argc_ = 0;
 }
 
 namespace {

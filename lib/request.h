@@ -15,6 +15,10 @@ class Request {
 public:
     // Starts a new command, dropping the previous one (the buffer is kept).
     Request& start();
+    // Makes room for bytes of arguments, so that writing them moves nothing.
+    void reserve(std::size_t bytes) { buffer_.reserve(kHeaderRoom + bytes); }
+    // Overwrites the command (one that held a secret) and drops it.
+    void wipe() noexcept;
 
     Request& arg(std::string_view bytes);
     Request& arg(const char* bytes, std::size_t len) { return arg(std::string_view(bytes, len)); }

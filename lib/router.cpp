@@ -44,14 +44,14 @@ Router::Node& Router::node(const Endpoint& endpoint) {
     }
     auto fresh = std::make_unique<Node>();
     fresh->endpoint = endpoint;
-    // Nodes the cluster names use the credentials of the first seed that
-    // has some: the nodes of one cluster share their users.
+    // Nodes the cluster names use the settings of the first seed that has
+    // credentials, or else of the first seed: the nodes of one cluster share
+    // their users and their certificates' issuer.
     for (const Node* seed : seeds_) {
-        if (seed->credentials) {
-            fresh->credentials = seed->credentials;
-            break;
-        }
+        if (!fresh->settings || seed->settings->credentials) fresh->settings = seed->settings;
+        if (seed->settings->credentials) break;
     }
+    if (!fresh->settings) fresh->settings = std::make_shared<const NodeSettings>();
     nodes_.push_back(std::move(fresh));
     return *nodes_.back();
 }
@@ -70,13 +70,14 @@ int32_t Router::connect(Node& n, Deadline deadline, int attempts) {
     }
     int32_t status = KV_CONNECT_FAILED;
     for (int attempt = 0; attempt < attempts && !deadline.passed(); ++attempt) {
-        status = n.connection.open(n.endpoint, n.credentials,
+        status = n.connection.open(n.endpoint, *n.settings,
                                    deadline.within(settings_.connect_timeout),
                                    command_deadline(deadline));
         if (status == KV_SUCCESS) {
             learn_mode(n);
             return status;
         }
+        note(status, n, n.connection.failure());
         // Only a failure to reach the server is worth another attempt, and
         // not a refusal: nothing listens there now.
         if (status != KV_CONNECT_FAILED || n.connection.refused()) break;
@@ -84,17 +85,24 @@ int32_t Router::connect(Node& n, Deadline deadline, int attempts) {
     return status;
 }
 
-int32_t Router::add_seed(const Endpoint& seed, const std::optional<Credentials>& credentials,
+void Router::note(int32_t status, const Node& n, std::string text) {
+    redact(text, n.settings->password());
+    failure_ = {status, std::move(text)};
+}
+
+int32_t Router::add_seed(const Endpoint& seed, std::shared_ptr<const NodeSettings> settings,
                          Deadline deadline) {
     for (const Node* s : seeds_) {
-        if (s->endpoint == seed) return KV_ALREADY_EXISTS;
+        if (s->endpoint == seed) {
+            note_failure(KV_ALREADY_EXISTS, describe(seed) + " is a seed already");
+            return KV_ALREADY_EXISTS;
+        }
     }
     // Everything that may run out of memory comes before the seed is
     // registered, and registering it cannot fail: once in, it stays.
-    std::optional<Credentials> given = credentials;
     seeds_.reserve(seeds_.size() + 1);
     Node& n = node(seed);
-    if (given) n.credentials = std::move(given);
+    n.settings = std::move(settings);
     seeds_.push_back(&n);
 
     const NodeMode before = mode_;
@@ -107,6 +115,9 @@ int32_t Router::add_seed(const Endpoint& seed, const std::optional<Credentials>&
     }
     if (status == KV_SUCCESS && before != NodeMode::unknown && n.connection.mode() != before) {
         seeds_.pop_back();  // a standalone server cannot stand in for a cluster
+        note(KV_INVALID_PARAMETER, n, describe(seed) + (before == NodeMode::cluster
+                                                            ? " is a standalone server, the others a cluster"
+                                                            : " is a cluster node, the others standalone"));
         return KV_INVALID_PARAMETER;
     }
     if (status != KV_SUCCESS) return status;
@@ -279,6 +290,7 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
             done = n->connection.exchange(command, {&sink}, command_deadline(deadline));
         }
         if (done.status != KV_SUCCESS) {
+            note(done.status, *n, describe(n->endpoint) + ": " + n->connection.failure());
             // Once sent, the command may have run: it is never sent again.
             if (done.sent) {
                 if (mode_ == NodeMode::cluster) refresh_due_ = true;
@@ -306,6 +318,7 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
             if (asking) call.ask_target = n->endpoint;
             continue;
         }
+        note(status_of(error.kind), *n, describe(n->endpoint) + " answered " + std::string(sink.error()));
         const Step next = on_error_reply(error, *n, uses_functions, call);
         if (!next.repeat) return next.status;
     }

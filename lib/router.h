@@ -24,6 +24,7 @@
 #include "reply_sink.h"
 #include "request.h"
 #include "server_error.h"
+#include "settings.h"
 #include "slot_map.h"
 
 namespace kelvane {
@@ -45,9 +46,23 @@ public:
     // map; or the status that says why it cannot be reached. The seed is
     // registered before anything is tried, and stays whatever the attempt
     // meets (running out of memory included): later calls try it again.
-    int32_t add_seed(const Endpoint& seed, const std::optional<Credentials>& credentials,
+    int32_t add_seed(const Endpoint& seed, std::shared_ptr<const NodeSettings> settings,
                      Deadline deadline);
     bool has_seeds() const { return !seeds_.empty(); }
+
+    // Why the router last failed, in words, and with which status; the
+    // client reports it when its call ends with that status.
+    struct Failure {
+        int32_t status = 0;
+        std::string text;
+    };
+    const Failure& failure() const { return failure_; }
+    void note_failure(int32_t status, std::string text) { failure_ = {status, std::move(text)}; }
+    void forget_failure() {
+        if (failure_.status == 0) return;  // the usual case, on every call: nothing to free
+        failure_.status = 0;
+        failure_.text.clear();
+    }
 
     // Sends request to the node that serves slot and reads its reply into
     // sink. KV_SUCCESS once a reply that is not an error arrived; otherwise
@@ -59,7 +74,7 @@ public:
 private:
     struct Node {
         Endpoint endpoint;
-        std::optional<Credentials> credentials;
+        std::shared_ptr<const NodeSettings> settings;
         NodeConnection connection;
         bool library_checked = false;
     };
@@ -78,6 +93,8 @@ private:
     // that serves none never replaces the map.
     int32_t refresh(Deadline deadline, const Node* avoid, const Node* first = nullptr);
     void learn_mode(Node& n);
+    // Records why talking to n failed (never with its password in it).
+    void note(int32_t status, const Node& n, std::string text);
     // After the master of a migrating slot refused both server keys of a
     // kelvane key (TRYAGAIN): whether it holds the main key and neither it
     // nor the importing node the values hash.
@@ -107,6 +124,7 @@ private:
     bool map_loaded_ = false;
     bool refresh_due_ = false;
     Clock::time_point last_refresh_{};
+    Failure failure_;
 };
 
 }  // namespace kelvane

@@ -9,6 +9,7 @@
 #include "cluster_view.h"
 #include "kelvane.h"
 #include "server_error.h"
+#include "status_text.h"
 
 namespace kelvane {
 namespace {
@@ -46,13 +47,14 @@ int32_t Router::refresh(Deadline deadline, const Node* avoid, const Node* first)
         Node& n = node(endpoint);
         ClusterView view;
         int32_t asked = connect(n, deadline, 1);
-        if (asked == KV_SUCCESS) {
-            asked = ask_cluster_view(n.connection, n.endpoint, command_deadline(deadline), &view);
-        }
+        const bool connected = asked == KV_SUCCESS;
+        if (connected) asked = ask_cluster_view(n.connection, n.endpoint, command_deadline(deadline), &view);
         // A node that serves no slot (one that belongs to no cluster, or has
         // lost its configuration) has nothing to tell.
         if (asked == KV_SUCCESS && view.map.covered() == 0) asked = KV_CLUSTER_DOWN;
         if (asked != KV_SUCCESS) {
+            // A failed connection has said why already.
+            if (connected) note(asked, n, describe(n.endpoint) + " gave no slot map (" + status_name(asked) + ")");
             status = asked;
             continue;
         }

@@ -7,12 +7,15 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <memory>
 
+#include "endpoint.h"
 #include "kelvane.h"
 
 namespace kelvane {
@@ -41,8 +44,8 @@ int poll_millis(Deadline deadline) {
 }
 
 // Waits until a non-blocking connect on fd completes or the deadline passes;
-// *refused when the server refused it.
-bool finish_connect(int fd, Deadline deadline, bool* refused) {
+// errno says why it did not.
+bool finish_connect(int fd, Deadline deadline) {
     for (;;) {
         pollfd p{fd, POLLOUT, 0};
         const int n = poll(&p, 1, poll_millis(deadline));
@@ -51,24 +54,25 @@ bool finish_connect(int fd, Deadline deadline, bool* refused) {
         int error = 0;
         socklen_t len = sizeof error;
         if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &len) != 0) return false;
-        *refused = error == ECONNREFUSED;
+        errno = error;
         return error == 0;
     }
 }
 
-int try_address(const addrinfo* a, Deadline deadline, bool* refused) {
-    *refused = false;
-    const int fd = ::socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC,
-                            a->ai_protocol);
+// A connected socket on address, or -1 with errno saying why (ETIMEDOUT
+// when the deadline passed first).
+int try_address(int family, const sockaddr* address, socklen_t length, Deadline deadline) {
+    const int fd = ::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
-    const bool connected = ::connect(fd, a->ai_addr, a->ai_addrlen) == 0;
-    if (!connected && errno == ECONNREFUSED) *refused = true;
-    if (connected || (errno == EINPROGRESS && finish_connect(fd, deadline, refused))) {
+    if (::connect(fd, address, length) == 0 ||
+        (errno == EINPROGRESS && finish_connect(fd, deadline))) {
         // From here on the socket blocks; kernel timeouts bound each wait.
         const int flags = fcntl(fd, F_GETFL);
         if (flags >= 0 && fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == 0) return fd;
     }
+    const int error = errno == EINPROGRESS ? ETIMEDOUT : errno;
     ::close(fd);
+    errno = error;
     return -1;
 }
 
@@ -80,6 +84,7 @@ Socket& Socket::operator=(Socket&& other) noexcept {
     if (this != &other) {
         close();
         fd_ = other.fd_;
+        tls_ = std::move(other.tls_);
         refused_ = other.refused_;
         receive_timeout_ = other.receive_timeout_;
         send_timeout_ = other.send_timeout_;
@@ -91,22 +96,42 @@ Socket& Socket::operator=(Socket&& other) noexcept {
 int32_t Socket::connect(const std::string& host, int port, Deadline deadline) {
     close();
     refused_ = false;
+    if (is_socket_path(host)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        if (host.size() >= sizeof address.sun_path) {
+            failure_ = "the socket path is too long";
+            return KV_CONNECT_FAILED;
+        }
+        std::memcpy(address.sun_path, host.c_str(), host.size() + 1);
+        fd_ = try_address(AF_UNIX, reinterpret_cast<const sockaddr*>(&address), sizeof address, deadline);
+        if (fd_ >= 0) return KV_SUCCESS;
+        // No socket file, or nobody listening on it: trying again at once
+        // would meet the same.
+        refused_ = errno == ECONNREFUSED || errno == ENOENT;
+        failure_ = std::string("cannot connect: ") + std::strerror(errno);
+        return KV_CONNECT_FAILED;
+    }
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICSERV;
     addrinfo* found = nullptr;
-    if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
+    if (const int e = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found); e != 0) {
+        failure_ = std::string("cannot resolve the host: ") + gai_strerror(e);
         return KV_CONNECT_FAILED;
     }
     std::unique_ptr<addrinfo, AddrInfoFree> addresses(found);
+    failure_ = "cannot connect: no time left";
     bool all_refused = true, tried = false;
     for (const addrinfo* a = addresses.get(); a != nullptr && !deadline.passed(); a = a->ai_next) {
-        bool refused = false;
-        const int fd = try_address(a, deadline, &refused);
+        const int fd = try_address(a->ai_family, a->ai_addr, a->ai_addrlen, deadline);
         tried = true;
-        all_refused = all_refused && refused;
-        if (fd < 0) continue;
+        if (fd < 0) {
+            all_refused = all_refused && errno == ECONNREFUSED;
+            failure_ = std::string("cannot connect: ") + std::strerror(errno);
+            continue;
+        }
         fd_ = fd;
         receive_timeout_ = send_timeout_ = Micros{0};
         const int on = 1;
@@ -119,7 +144,22 @@ int32_t Socket::connect(const std::string& host, int port, Deadline deadline) {
     return KV_CONNECT_FAILED;
 }
 
+int32_t Socket::start_tls(const TlsContext& context, const std::string& name, Deadline deadline) {
+    // TLS waits in poll(), so that a record that trickles in cannot stretch
+    // a read past the deadline as blocking reads with kernel timeouts could.
+    const int flags = fcntl(fd_, F_GETFL);
+    if (flags < 0 || fcntl(fd_, F_SETFL, flags | O_NONBLOCK) != 0) {
+        failure_ = std::string("cannot set up the socket: ") + std::strerror(errno);
+        close();
+        return KV_CONNECT_FAILED;
+    }
+    const int32_t status = TlsSession::start(fd_, context, name, deadline, &tls_, &failure_);
+    if (status != KV_SUCCESS) close();
+    return status;
+}
+
 void Socket::close() noexcept {
+    tls_.reset();  // before its socket goes
     if (fd_ >= 0) ::close(fd_);
     fd_ = -1;
 }
@@ -138,6 +178,16 @@ bool Socket::kernel_wait(int option, Micros& current, Micros left) {
     return true;
 }
 
+int32_t Socket::timed_out(const char* why) {
+    failure_ = why;
+    return KV_TIMEOUT;
+}
+
+int32_t Socket::lost(const char* why) {
+    failure_ = std::string(why) + std::strerror(errno);
+    return KV_CONNECTION_LOST;
+}
+
 int Socket::wait_ready(short events, Deadline deadline) const {
     for (;;) {
         const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline.remaining());
@@ -152,16 +202,17 @@ int Socket::wait_ready(short events, Deadline deadline) const {
 
 int32_t Socket::send_all(std::string_view bytes, Deadline deadline) {
     if (fd_ < 0) return KV_CONNECTION_LOST;
+    if (tls_) return tls_->send_all(bytes, deadline, &failure_);
     std::size_t done = 0;
     bool precise = false;  // the kernel's timeout has run out once: the rest is ppoll's
     while (done < bytes.size()) {
         const auto left = std::chrono::duration_cast<Micros>(deadline.remaining());
-        if (left <= Micros::zero()) return KV_TIMEOUT;
+        if (left <= Micros::zero()) return timed_out("could not send within the deadline");
         int flags = MSG_NOSIGNAL;
         if (precise || !kernel_wait(SO_SNDTIMEO, send_timeout_, left)) {
             const int ready = wait_ready(POLLOUT, deadline);
-            if (ready == 0) return KV_TIMEOUT;
-            if (ready < 0) return KV_CONNECTION_LOST;
+            if (ready == 0) return timed_out("could not send within the deadline");
+            if (ready < 0) return lost("the connection broke while sending: ");
             flags |= MSG_DONTWAIT;
         }
         const ssize_t n = ::send(fd_, bytes.data() + done, bytes.size() - done, flags);
@@ -172,7 +223,7 @@ int32_t Socket::send_all(std::string_view bytes, Deadline deadline) {
         } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             precise = true;
         } else {
-            return KV_CONNECTION_LOST;
+            return lost("the connection broke while sending: ");
         }
     }
     return KV_SUCCESS;
@@ -182,15 +233,16 @@ int32_t Socket::receive(char* buffer, std::size_t capacity, Deadline deadline,
                         std::size_t* received) {
     *received = 0;
     if (fd_ < 0) return KV_CONNECTION_LOST;
+    if (tls_) return tls_->receive(buffer, capacity, deadline, received, &failure_);
     bool precise = false;  // the kernel's timeout has run out once: the rest is ppoll's
     for (;;) {
         const auto left = std::chrono::duration_cast<Micros>(deadline.remaining());
-        if (left <= Micros::zero()) return KV_TIMEOUT;
+        if (left <= Micros::zero()) return timed_out("no reply within the deadline");
         int flags = 0;
         if (precise || !kernel_wait(SO_RCVTIMEO, receive_timeout_, left)) {
             const int ready = wait_ready(POLLIN, deadline);
-            if (ready == 0) return KV_TIMEOUT;
-            if (ready < 0) return KV_CONNECTION_LOST;
+            if (ready == 0) return timed_out("no reply within the deadline");
+            if (ready < 0) return lost("the connection broke: ");
             flags = MSG_DONTWAIT;
         }
         const ssize_t n = ::recv(fd_, buffer, capacity, flags);
@@ -198,15 +250,20 @@ int32_t Socket::receive(char* buffer, std::size_t capacity, Deadline deadline,
             *received = static_cast<std::size_t>(n);
             return KV_SUCCESS;
         }
-        if (n == 0) return KV_CONNECTION_LOST;  // the server closed its end
+        if (n == 0) {
+            failure_ = "the server closed the connection";
+            return KV_CONNECTION_LOST;
+        }
         if (errno == EINTR) continue;
-        if (errno != EAGAIN && errno != EWOULDBLOCK) return KV_CONNECTION_LOST;
+        if (errno != EAGAIN && errno != EWOULDBLOCK) return lost("the connection broke: ");
         precise = true;
     }
 }
 
 bool Socket::idle_and_alive() const {
-    if (fd_ < 0) return false;
+    if (fd_ < 0 || (tls_ && tls_->has_pending())) return false;
+    // Under TLS too: a server that closes sends an alert first, and nothing
+    // else arrives unasked between a reply and the next command.
     char byte;
     const ssize_t n = ::recv(fd_, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
     if (n == 0) return false;  // orderly shutdown by the server

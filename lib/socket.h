@@ -1,22 +1,26 @@
-// socket.h -- one TCP connection to a server, with every wait bounded by a
-// deadline and transport failures reported as kelvane statuses.
+// socket.h -- one connection to a server (TCP, or a Unix domain socket for
+// a host that is a path), plaintext or TLS, with every wait bounded by a
+// deadline and transport failures reported as kelvane statuses, with why in
+// words.
 //
-// The socket blocks, with kernel send and receive timeouts that are lowered
-// only when a deadline is closer than they are, so a call that goes well
-// costs exactly one send and one receive; the last stretch of a long wait is
-// a ppoll(), which keeps to the deadline where the kernel's timeouts would
-// overrun it. Writes never raise SIGPIPE
-// (MSG_NOSIGNAL), so the library leaves signals alone.
+// A plaintext socket blocks, with kernel send and receive timeouts that are
+// lowered only when a deadline is closer than they are, so a call that goes
+// well costs exactly one send and one receive; the last stretch of a long
+// wait is a ppoll(), which keeps to the deadline where the kernel's timeouts
+// would overrun it. A TLS socket does not block (tls_session.h). Writes never
+// raise SIGPIPE (MSG_NOSIGNAL), so the library leaves signals alone.
 #ifndef KELVANE_SOCKET_H
 #define KELVANE_SOCKET_H
 
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "deadline.h"
+#include "tls_session.h"
 
 namespace kelvane {
 
@@ -29,14 +33,20 @@ public:
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
 
-    // Connects to host (a name or an address) and port. KV_SUCCESS, or
+    // Connects to host (a name or an address) and port, or to the Unix
+    // socket at host when it begins with '/'. KV_SUCCESS, or
     // KV_CONNECT_FAILED when the server refused or did not accept in time.
     int32_t connect(const std::string& host, int port, Deadline deadline);
+    // Turns the connection into a TLS one (TlsSession::start).
+    int32_t start_tls(const TlsContext& context, const std::string& name, Deadline deadline);
     // Whether the last connect() failed because every address refused it:
     // nothing listens there, and trying again at once would meet the same.
     bool refused() const { return refused_; }
     void close() noexcept;
     bool is_open() const { return fd_ >= 0; }
+    bool is_tls() const { return tls_ != nullptr; }
+    // Why the last failed step failed, in words.
+    const std::string& failure() const { return failure_; }
 
     // Writes all of bytes. KV_SUCCESS, KV_TIMEOUT or KV_CONNECTION_LOST.
     int32_t send_all(std::string_view bytes, Deadline deadline);
@@ -61,8 +71,14 @@ private:
     // Waits, to the microsecond, until the socket is ready for events (POLLIN,
     // POLLOUT) or the deadline passes: poll()'s result, 0 at the deadline.
     int wait_ready(short events, Deadline deadline) const;
+    // KV_TIMEOUT and KV_CONNECTION_LOST with why (for the latter, errno's
+    // words after it) kept for failure().
+    int32_t timed_out(const char* why);
+    int32_t lost(const char* why);
 
     int fd_ = -1;
+    std::unique_ptr<TlsSession> tls_;
+    std::string failure_;
     bool refused_ = false;
     Micros receive_timeout_{0};  // 0: not set yet (the kernel's "forever")
     Micros send_timeout_{0};

@@ -1,8 +1,10 @@
 # private-servers.sh -- sourced by run-zset.sh: starting and stopping private Redis servers on fixed loopback
-# ports, one or a cluster of six, each in a directory of its own under a temporary directory, with no
-# persistence. The servers are children of the calling shell, so stop_servers finds every one by its process id.
+# ports, one or a cluster of six, plaintext or TLS only, each in a directory of its own under a temporary directory,
+# with no persistence. The servers are children of the calling shell, so stop_servers finds every one by its process id.
 
 server_pids=()
+# Set by use_tls: what makes the servers speak TLS only, and what redis-cli needs to talk to them.
+tls_server_args=() tls_cli_args=()
 
 # True when something accepts connections on 127.0.0.1:$1.
 port_taken() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
@@ -10,13 +12,40 @@ port_taken() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
 # The major version a server program reports ("Redis server v=7.0.15 ..."), or nothing.
 server_major_version() { "$1" --version 2>/dev/null | sed -n 's/.* v=\([0-9][0-9]*\)\..*/\1/p' | head -n 1; }
 
-# start_server BIN DIR PORT [ARGUMENTS...]: starts BIN on 127.0.0.1:PORT in DIR and waits until it accepts
-# connections; on failure shows its log and returns 1.
+# use_tls DIR: makes a throwaway certificate authority in DIR with a server certificate (IP 127.0.0.1, DNS
+# localhost) and a client certificate, and sets what the servers started after it need to speak TLS only (no
+# plaintext port) and to require client certificates. The client's files: DIR/ca.crt, DIR/client.crt, DIR/client.key.
+use_tls() {
+  local dir=$1 name
+  mkdir -p "$dir" || return 1
+  (
+    cd "$dir" || exit 1
+    set -e
+    for name in ca server client; do
+      openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out "$name.key" 2>/dev/null
+    done
+    openssl req -x509 -new -key ca.key -out ca.crt -days 2 -subj /CN=run-zset-ca 2>/dev/null
+    printf 'subjectAltName=IP:127.0.0.1,DNS:localhost\n' >server.ext
+    for name in server client; do
+      openssl req -new -key "$name.key" -out "$name.csr" -subj "/CN=run-zset-$name" 2>/dev/null
+      openssl x509 -req -in "$name.csr" -CA ca.crt -CAkey ca.key -CAcreateserial -days 2 -out "$name.crt" \
+        $([ "$name" = server ] && echo -extfile server.ext) 2>/dev/null
+    done
+  ) || { echo "run-zset: openssl could not make the certificates" >&2; return 1; }
+  tls_server_args=(--tls-cert-file "$dir/server.crt" --tls-key-file "$dir/server.key"
+    --tls-ca-cert-file "$dir/ca.crt" --tls-auth-clients yes)
+  tls_cli_args=(--tls --cacert "$dir/ca.crt" --cert "$dir/client.crt" --key "$dir/client.key")
+}
+
+# start_server BIN DIR PORT [ARGUMENTS...]: starts BIN on 127.0.0.1:PORT (TLS only after use_tls) in DIR and waits
+# until it accepts connections; on failure shows its log and returns 1.
 start_server() {
   local bin=$1 dir=$2 port=$3
   shift 3
   mkdir -p "$dir"
-  "$bin" --port "$port" --bind 127.0.0.1 --save '' --appendonly no --dir "$dir" --daemonize no \
+  local listen=(--port "$port")
+  ((${#tls_server_args[@]})) && listen=(--port 0 --tls-port "$port" "${tls_server_args[@]}")
+  "$bin" "${listen[@]}" --bind 127.0.0.1 --save '' --appendonly no --dir "$dir" --daemonize no \
     --logfile "$dir/server.log" "$@" >"$dir/server.out" 2>&1 &
   local pid=$!
   server_pids+=("$pid")
@@ -52,26 +81,31 @@ cluster_formed() {
   local cli=$1 port info
   shift
   for port in "$@"; do
-    info=$("$cli" -h 127.0.0.1 -p "$port" cluster info 2>/dev/null | tr -d '\r') || return 1
+    info=$("$cli" ${tls_cli_args[@]+"${tls_cli_args[@]}"} -h 127.0.0.1 -p "$port" cluster info 2>/dev/null |
+      tr -d '\r') || return 1
     grep -qx 'cluster_state:ok' <<<"$info" || return 1
     grep -qx 'cluster_slots_ok:16384' <<<"$info" || return 1
     grep -qx "cluster_known_nodes:$#" <<<"$info" || return 1
   done
-  "$cli" --cluster check "127.0.0.1:$1" 2>/dev/null | grep -q 'All nodes agree about slots configuration' || return 1
+  "$cli" ${tls_cli_args[@]+"${tls_cli_args[@]}"} --cluster check "127.0.0.1:$1" 2>/dev/null |
+    grep -q 'All nodes agree about slots configuration' || return 1
 }
 
 # start_cluster BIN CLI DIR PORT...: six nodes, three masters with one replica each, formed with
-# `redis-cli --cluster create` and waited for until they agree (30 s at most).
+# `redis-cli --cluster create` and waited for until they agree (30 s at most). After use_tls the nodes speak TLS
+# to each other and to their replicas as well.
 start_cluster() {
   local bin=$1 cli=$2 dir=$3 port
   shift 3
-  local nodes=()
+  local nodes=() tls_cluster=()
+  ((${#tls_server_args[@]})) && tls_cluster=(--tls-cluster yes --tls-replication yes)
   for port in "$@"; do
     start_server "$bin" "$dir/$port" "$port" --cluster-enabled yes --cluster-config-file nodes.conf \
-      --cluster-node-timeout 2000 || return 1
+      --cluster-node-timeout 2000 ${tls_cluster[@]+"${tls_cluster[@]}"} || return 1
     nodes+=("127.0.0.1:$port")
   done
-  if ! "$cli" --cluster create "${nodes[@]}" --cluster-replicas 1 --cluster-yes >"$dir/create.log" 2>&1; then
+  if ! "$cli" ${tls_cli_args[@]+"${tls_cli_args[@]}"} --cluster create "${nodes[@]}" --cluster-replicas 1 \
+    --cluster-yes >"$dir/create.log" 2>&1; then
     echo "run-zset: redis-cli --cluster create failed:" >&2
     cat "$dir/create.log" >&2
     return 1
@@ -83,7 +117,7 @@ start_cluster() {
   echo "run-zset: the cluster did not settle within 30 s; what the nodes say:" >&2
   for port in "$@"; do
     echo "--- 127.0.0.1:$port" >&2
-    "$cli" -h 127.0.0.1 -p "$port" cluster info 2>&1 | head -n 7 >&2
+    "$cli" ${tls_cli_args[@]+"${tls_cli_args[@]}"} -h 127.0.0.1 -p "$port" cluster info 2>&1 | head -n 7 >&2
   done
   return 1
 }

@@ -23,6 +23,10 @@ messages and the list of failed cases go to standard error.
                        give it an empty database)
   --cluster            start a private Redis Cluster instead: 3 masters and 3
                        replicas on 127.0.0.1:12345-12350 (bus ports 22345-22350)
+  --tls                the servers speak TLS only (no plaintext port) and require
+                       client certificates, from a throwaway CA made with openssl in
+                       the temporary directory; zset gets them through KELVANE_TLS_*
+                       in its environment (with --cluster: TLS between nodes too)
   --junit FILE         write a JUnit XML report, one testcase per zset case (FILE is
                        replaced; the script stops first if it cannot write it)
   --timeout SECONDS    stop zset if it runs longer (default 600)
@@ -50,7 +54,7 @@ fail_setup() {
 caller_dir=$PWD
 absolute() { case $1 in /*) printf '%s\n' "$1" ;; *) printf '%s\n' "$caller_dir/$1" ;; esac; }
 
-library="" server_bin="" existing=0 cluster=0 junit="" timeout_s=600 build_dir="" build=1
+library="" server_bin="" existing=0 cluster=0 tls=0 junit="" timeout_s=600 build_dir="" build=1
 while (($#)); do
   case $1 in
     -h | --help) usage; exit 0 ;;
@@ -66,6 +70,7 @@ while (($#)); do
       shift ;;
     --existing-server) existing=1 ;;
     --cluster) cluster=1 ;;
+    --tls) tls=1 ;;
     --no-build) build=0 ;;
     *) fail_setup "unknown option $1 (see --help)" ;;
   esac
@@ -73,6 +78,7 @@ while (($#)); do
 done
 [[ $timeout_s =~ ^[1-9][0-9]*$ ]] || fail_setup "--timeout takes a whole number of seconds"
 ((existing && (cluster || ${#server_bin}))) && fail_setup "--existing-server starts nothing: drop --cluster and --server-bin"
+((existing && tls)) && fail_setup "--tls makes certificates for the servers it starts: drop --existing-server"
 # A server program named with a slash is a path from where the caller stands; a bare name is looked up on PATH, as
 # a shell would.
 if [ -n "$server_bin" ]; then
@@ -114,6 +120,7 @@ if ((build)); then
   elif ((cluster)); then
     setup_options+=(--cli)
   fi
+  ((tls)) && setup_options+=(--tls)
   scripts/setup.sh ${setup_options[@]+"${setup_options[@]}"} "$build_dir" -DKELVANE_TESTS=OFF -DKELVANE_BENCH=OFF ||
     fail_setup "the build failed"
 fi
@@ -162,6 +169,13 @@ else
     fail_setup "$server_bin is version $major; the library needs Redis 7.0 or newer (server functions)"
   fi
   ports_free  # once more: the build may have taken a while
+  if ((tls)); then
+    command -v openssl >/dev/null || fail_setup "--tls needs the openssl command"
+    use_tls "$work/tls" || fail_setup "could not make the TLS certificates"
+    zset_env+=(KELVANE_TLS_MODE=verify-full "KELVANE_TLS_CA_FILE=$work/tls/ca.crt"
+      "KELVANE_TLS_CERT_FILE=$work/tls/client.crt" "KELVANE_TLS_KEY_FILE=$work/tls/client.key")
+    echo "run-zset: TLS only, client certificates required; zset checks the servers' (verify-full)" >&2
+  fi
   if ((cluster)); then
     cli=$(dirname "$server_bin")/redis-cli
     [ -x "$cli" ] || cli=$(command -v redis-cli) || fail_setup "no redis-cli to form the cluster with"

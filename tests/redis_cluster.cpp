@@ -71,7 +71,8 @@ int free_block() {
          base += 16) {
         bool clear = true;
         for (int i = 0; i < RedisCluster::kNodes + RedisCluster::kStrangers; ++i) {
-            clear = clear && !RedisServer::listening(base + i) && !RedisServer::listening(base + 10000 + i);
+            clear = clear && !RedisServer::listening(base + i) && !RedisServer::listening(base + 10000 + i) &&
+                    !RedisServer::listening(base + RedisCluster::kAdminOffset + i);
         }
         if (clear) return base;
     }
@@ -114,7 +115,7 @@ NodeReply must_reply(int port, const Argv& argv) {
 
 }  // namespace
 
-RedisCluster::RedisCluster(int first_port) {
+RedisCluster::RedisCluster(int first_port, ServerOptions tls) : tls_(std::move(tls)) {
     const int base = first_port != 0 ? first_port : free_block();
     try {
         for (int port = base; port < base + kNodes; ++port) {
@@ -132,7 +133,7 @@ RedisCluster::RedisCluster(int first_port) {
         // A replica can only name a master it knows: until then it answers an error.
         for (int i = 0; i < 3; ++i) {
             const Argv replicate = {"CLUSTER", "REPLICATE", nodes_.at(base + i).id};
-            poll_until(30, [&] { return !node_pipeline(base + 3 + i, {replicate}).front().failed; });
+            poll_until(30, [&] { return !node_pipeline(admin(base + 3 + i), {replicate}).front().failed; });
         }
         wait_healthy();
     } catch (...) {
@@ -164,6 +165,13 @@ void RedisCluster::start(int port) {
         "--cluster-config-file", "nodes.conf", "--cluster-node-timeout", "2000",
         "--cluster-replica-validity-factor", "0", "--cluster-allow-replica-migration", "no",
         "--repl-diskless-sync", "yes", "--repl-diskless-sync-delay", "0"};
+    if (!tls_.tls_cert.empty()) {
+        args[2] = std::to_string(admin(port));
+        args.insert(args.end(), {"--tls-port", std::to_string(port), "--tls-cert-file", tls_.tls_cert,
+                                 "--tls-key-file", tls_.tls_key, "--tls-ca-cert-file", tls_.tls_ca, "--tls-cluster",
+                                 "yes", "--tls-replication", "yes", "--tls-auth-clients",
+                                 tls_.tls_auth_clients ? "yes" : "no"});
+    }
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
@@ -224,7 +232,7 @@ void RedisCluster::restart_as_stranger(int port) {
     node.id = must(port, {"CLUSTER", "MYID"});
 }
 
-std::string RedisCluster::must(int port, const Argv& argv) const { return must_reply(port, argv).str; }
+std::string RedisCluster::must(int port, const Argv& argv) const { return must_reply(admin(port), argv).str; }
 
 std::string RedisCluster::role(int port) const { return field_of(must(port, {"INFO", "replication"}), "role"); }
 
@@ -239,8 +247,8 @@ std::vector<int> RedisCluster::ports() const {
 // Each element of CLUSTER SLOTS: first slot, last slot, then the master and its replicas as [ip, port, id, ...].
 std::vector<int> RedisCluster::masters() const {
     std::set<int> out;
-    for (const auto& range : must_reply(any_running(), {"CLUSTER", "SLOTS"}).elements) {
-        out.insert(std::stoi(range.elements.at(2).elements.at(1).str));
+    for (const auto& range : must_reply(admin(any_running()), {"CLUSTER", "SLOTS"}).elements) {
+        out.insert(client_port(std::stoi(range.elements.at(2).elements.at(1).str)));
     }
     return {out.begin(), out.end()};
 }
@@ -249,20 +257,20 @@ int RedisCluster::replica_of(int master) const {
     // "slave0:ip=127.0.0.1,port=13003,state=online,..."
     const std::string replica = field_of(must(master, {"INFO", "replication"}), "slave0");
     if (replica.find("port=") == std::string::npos) throw std::runtime_error("no replica of " + std::to_string(master));
-    return std::atoi(replica.c_str() + replica.find("port=") + 5);
+    return client_port(std::atoi(replica.c_str() + replica.find("port=") + 5));
 }
 
 int RedisCluster::owner_of_slot(int slot) const {
-    for (const auto& range : must_reply(any_running(), {"CLUSTER", "SLOTS"}).elements) {
+    for (const auto& range : must_reply(admin(any_running()), {"CLUSTER", "SLOTS"}).elements) {
         if (std::stoi(range.elements.at(0).str) <= slot && slot <= std::stoi(range.elements.at(1).str)) {
-            return std::stoi(range.elements.at(2).elements.at(1).str);
+            return client_port(std::stoi(range.elements.at(2).elements.at(1).str));
         }
     }
     throw std::runtime_error("no node serves slot " + std::to_string(slot));
 }
 
 bool RedisCluster::lists_master_without_address(int port) const {
-    for (const auto& range : must_reply(port, {"CLUSTER", "SLOTS"}).elements) {
+    for (const auto& range : must_reply(admin(port), {"CLUSTER", "SLOTS"}).elements) {
         if (range.elements.at(2).elements.at(1).str == "0") return true;
     }
     return false;
@@ -272,7 +280,7 @@ std::vector<int> RedisCluster::key_slots(const std::vector<std::string>& server_
     std::vector<Argv> commands;
     for (const auto& k : server_keys) commands.push_back({"CLUSTER", "KEYSLOT", k});
     std::vector<int> slots;
-    for (const auto& r : node_pipeline(any_running(), commands)) {
+    for (const auto& r : node_pipeline(admin(any_running()), commands)) {
         if (r.failed) throw std::runtime_error("CLUSTER KEYSLOT: " + r.str);
         slots.push_back(std::stoi(r.str));
     }
@@ -308,7 +316,7 @@ bool RedisCluster::healthy(std::string& why) const {
         // Which master serves which slots with which replica, failed nodes left out: the same on every node (a set:
         // each node lists the ranges in an order of its own).
         std::set<std::string> view;
-        for (const auto& range : must_reply(port, {"CLUSTER", "SLOTS"}).elements) view.insert(flat(range));
+        for (const auto& range : must_reply(admin(port), {"CLUSTER", "SLOTS"}).elements) view.insert(flat(range));
         if (agreed_view.empty()) agreed_view = view;
         why = "node " + std::to_string(port) + " sees another cluster or is not in sync with its master";
         if (view != agreed_view) return false;
@@ -344,7 +352,7 @@ void RedisCluster::move_keys(const Migration& m, const std::vector<std::string>&
 size_t RedisCluster::move_batch(const Migration& m, size_t batch) const {
     const Argv get_keys = {"CLUSTER", "GETKEYSINSLOT", std::to_string(m.slot), std::to_string(batch)};
     std::vector<std::string> names;
-    for (const auto& k : must_reply(m.source, get_keys).elements) names.push_back(k.str);
+    for (const auto& k : must_reply(admin(m.source), get_keys).elements) names.push_back(k.str);
     move_keys(m, names);
     return names.size();
 }

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "kelvane.h"
+#include "redis_server.h"
 
 namespace kelvane_test {
 
@@ -33,7 +34,11 @@ public:
 
     // Nodes on first_port .. first_port + 5, cluster bus on each port + 10000; 0 picks a free block. The first
     // three start as masters of slots 0-5460, 5461-10922 and 10923-16383, node 3 + i as the replica of node i.
-    explicit RedisCluster(int first_port = 0);
+    // With a certificate in tls (tls_cert, tls_key, tls_ca, tls_auth_clients), the nodes speak TLS only on those
+    // ports, to clients, to each other and to their replicas; the fixture itself talks to each on a plaintext port
+    // kAdminOffset above it. Every port the fixture hands out or takes is a client's (TLS) port.
+    explicit RedisCluster(int first_port = 0, ServerOptions tls = {});
+    static constexpr int kAdminOffset = 8;
     ~RedisCluster();
     RedisCluster(const RedisCluster&) = delete;
     RedisCluster& operator=(const RedisCluster&) = delete;
@@ -84,10 +89,16 @@ private:
     };
     void start(int port);
     void signal(int port, int sig) const;
+    int admin(int port) const { return tls_.tls_cert.empty() ? port : port + kAdminOffset; }
+    // A port the nodes named over the plaintext connection, as a client's port.
+    int client_port(int port) const {
+        return !tls_.tls_cert.empty() && nodes_.count(port - kAdminOffset) ? port - kAdminOffset : port;
+    }
     void stop_all();
     int any_running() const { return ports().at(0); }
     bool healthy(std::string& why) const;
 
+    ServerOptions tls_;
     std::map<int, Node> nodes_;  // by port
 };
 

@@ -45,7 +45,10 @@ std::string reply_text(const redisReply* r) {
 
 }  // namespace
 
-RedisServer::RedisServer(int port) : port_(port != 0 ? port : free_port()) {
+RedisServer::RedisServer(int port, ServerOptions options)
+    : port_(port != 0 ? port : free_port()),
+      options_(std::move(options)),
+      admin_port_(options_.tls_cert.empty() ? port_ : free_port()) {
     char tmpl[] = "/tmp/kelvane-redis-XXXXXX";
     if (mkdtemp(tmpl) == nullptr) throw std::runtime_error("mkdtemp failed");
     dir_ = tmpl;
@@ -62,9 +65,17 @@ RedisServer::~RedisServer() {
 void RedisServer::start() {
     if (pid_ > 0) return;
     const std::string port = std::to_string(port_);
-    std::vector<std::string> args = {"redis-server", "--port", port, "--bind", "127.0.0.1", "--save", "",
-                                     "--appendonly", "no", "--dir", dir_, "--logfile", dir_ + "/redis.log",
-                                     "--daemonize", "no"};
+    std::vector<std::string> args = {"redis-server", "--port", std::to_string(admin_port_), "--bind", "127.0.0.1",
+                                     "--save", "", "--appendonly", "no", "--dir", dir_, "--logfile",
+                                     dir_ + "/redis.log", "--daemonize", "no"};
+    if (!options_.tls_cert.empty()) {
+        args.insert(args.end(), {"--tls-port", port, "--tls-cert-file", options_.tls_cert, "--tls-key-file",
+                                 options_.tls_key, "--tls-ca-cert-file", options_.tls_ca, "--tls-auth-clients",
+                                 options_.tls_auth_clients ? "yes" : "no"});
+    }
+    if (!options_.unix_socket.empty()) {
+        args.insert(args.end(), {"--unixsocket", options_.unix_socket, "--unixsocketperm", "700"});
+    }
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
@@ -98,7 +109,7 @@ void RedisServer::freeze() { if (pid_ > 0) ::kill(pid_, SIGSTOP); }
 void RedisServer::thaw() { if (pid_ > 0) ::kill(pid_, SIGCONT); }
 
 std::string RedisServer::command(const std::vector<std::string>& argv) const {
-    redisContext* c = redisConnect("127.0.0.1", port_);
+    redisContext* c = redisConnect("127.0.0.1", admin_port_);
     if (c == nullptr || c->err) {
         if (c) redisFree(c);
         throw std::runtime_error("cannot connect to the test server");

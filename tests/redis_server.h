@@ -1,5 +1,6 @@
 // redis_server.h -- a private redis-server process for one test: its own temporary directory, no persistence,
-// loopback only. Tests start it, stop it, kill it or freeze it to see what the client does.
+// loopback only, plaintext or TLS, and a Unix socket when asked. Tests start it, stop it, kill it or freeze it to
+// see what the client does.
 #ifndef KELVANE_TESTS_REDIS_SERVER_H
 #define KELVANE_TESTS_REDIS_SERVER_H
 
@@ -14,9 +15,18 @@ namespace kelvane_test {
 // 127.0.0.1:port, for tests that open sockets of their own.
 sockaddr_in loopback(int port);
 
+// What a server listens on besides plaintext TCP.
+struct ServerOptions {
+    // With a certificate, port() speaks TLS only (certificate and key; clients' certificates are checked against
+    // tls_ca, and required with tls_auth_clients), and plaintext moves to admin_port(), for command().
+    std::string tls_cert, tls_key, tls_ca;
+    bool tls_auth_clients = false;
+    std::string unix_socket;  // a path to listen on as well
+};
+
 class RedisServer {
 public:
-    explicit RedisServer(int port = 0);  // port 0 picks a free one
+    explicit RedisServer(int port = 0, ServerOptions options = {});  // port 0 picks a free one
     ~RedisServer();
     RedisServer(const RedisServer&) = delete;
     RedisServer& operator=(const RedisServer&) = delete;
@@ -28,6 +38,7 @@ public:
     void thaw();    // SIGCONT
 
     int port() const { return port_; }
+    int admin_port() const { return admin_port_; }  // plaintext: port(), unless port() speaks TLS
 
     // Runs one command over a fresh connection and gives the reply as text (integers in decimal, nil as "(nil)",
     // arrays joined by ","), for tests that look at the server's own view of the data.
@@ -40,6 +51,8 @@ private:
     void end(int signal);
 
     int port_;
+    ServerOptions options_;
+    int admin_port_;
     std::string dir_;
     pid_t pid_ = -1;
 };

@@ -5,6 +5,7 @@
 #define KELVANE_TESTS_RUN_SCRIPT_H
 
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,8 +20,9 @@ struct ScriptRun {
 };
 
 // run-zset.sh --no-build --build-dir <this build> <args>, from a temporary working directory; the report, if asked
-// for with --junit report.xml, is read back.
-inline ScriptRun run_script(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
+// for with --junit report.xml, is read back. meanwhile, if given, runs once while the script runs, from its start.
+inline ScriptRun run_script(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
+                            std::function<void()> meanwhile = {}) {
     TempDir cwd;
     std::vector<std::string> argv = {std::string(KELVANE_SOURCE_DIR) + "/scripts/run-zset.sh", "--no-build",
                                      "--build-dir", KELVANE_BUILD_DIR};
@@ -29,6 +31,10 @@ inline ScriptRun run_script(const std::vector<std::string>& args, const std::vec
     options.dir = cwd.path();
     options.env = env;
     options.timeout_s = 180;
+    if (meanwhile) {
+        options.during_after_ms = 1;
+        options.during = std::move(meanwhile);
+    }
     ScriptRun r{run_command(argv, options), {}};
     if (std::filesystem::exists(cwd / "report.xml")) r.junit = read_junit(read_file(cwd / "report.xml"));
     else r.junit.parse_error = "no report";

@@ -8,7 +8,7 @@
 namespace kelvane_test {
 namespace {
 
-// The documented minimal ACL of a kelvane user (docs/design.md): the commands the client sends itself (FCALL,
+// The documented minimal ACL of a kelvane user (docs/security.md): the commands the client sends itself (FCALL,
 // FUNCTION LIST, DEL, PTTL and the PING that tags them; HELLO and AUTH need no right), every command the server
 // functions call, and kelvane's keys alone.
 const Strings kMinimalAcl = {

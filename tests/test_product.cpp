@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -19,6 +20,7 @@
 #include "command_runner.h"
 #include "fault_injector.h"
 #include "junit_document.h"
+#include "kelvane.h"
 #include "redis_server.h"
 #include "run_script.h"
 #include "zset_runner.h"
@@ -96,6 +98,7 @@ TEST(RunScript, WhatCannotBeSetUpExits2WithoutRunningZset) {
              {"--server-bin", empty / "no-such-server"}, {"--server-bin", "no-such-server"},
              {"--server-bin", "/bin/false"}, {"--library", empty.path()}, {"--build-dir", empty.path()},
              {"--timeout", "soon"}, {"--no-such-option"}, {"--existing-server", "--cluster"},
+             {"--existing-server", "--tls"},
              // a report in a directory that is not there, in one nobody may write to, or a directory itself
              {"--junit", "no/such/dir/report.xml"}, {"--junit", "/proc/report.xml"}, {"--junit", "."}}) {
         const ScriptRun r = run_script(args);
@@ -127,6 +130,27 @@ TEST(RunScript, ClusterRunFormsRunsAndTearsDownAPrivateCluster) {
     ASSERT_TRUE(r.junit.well_formed()) << r.junit.parse_error;
     EXPECT_GE(r.junit.tests, kCases);
     for (int port = 12345; port <= 12350; ++port) EXPECT_FALSE(RedisServer::listening(port)) << port;
+}
+
+// --tls: servers with TLS only that require client certificates, one or a cluster; zset, built as ever, gets its
+// settings from the environment. A plaintext client is turned away from the same port meanwhile.
+TEST(RunScript, TlsRunsOfAServerAndOfAClusterPassThroughTheEnvironment) {
+    SKIP_UNLESS_ZSET_PORT_FREE();
+    for (const auto& args : std::vector<std::vector<std::string>>{{"--tls"}, {"--tls", "--cluster"}}) {
+        const std::string what = args.size() > 1 ? "cluster" : "server";
+        bool turned_away = false;
+        // zset itself, run with no settings while the script's servers are up: the port speaks TLS only.
+        const ScriptRun r = run_script(args, {}, [&] {
+            for (int i = 0; i < 300 && !RedisServer::listening(kZsetPort); ++i) usleep(10000);
+            ZsetRunOptions plain;
+            plain.timeout_s = 60;
+            turned_away = has(run_zset(plain).out, "PASSED = 0, FAILED = 68");
+        });
+        EXPECT_EQ(r.run.exit_code, 0) << what << "\n" << r.run.err;
+        EXPECT_EQ(parse_transcript(r.run.out).summary, summary_line(kCases, 0)) << what;
+        EXPECT_TRUE(turned_away) << what << ": a plaintext zset was served";
+        for (int port = 12345; port <= 12350; ++port) EXPECT_FALSE(RedisServer::listening(port)) << port;
+    }
 }
 
 // ---- The installed product -----------------------------------------------------
@@ -222,7 +246,7 @@ TEST(Install, DebianPackagesAreStrippedMultiarchDocumentedAndLintianClean) {
        " -j2 >/dev/null && cd " + quoted(build) + " && " + KELVANE_CPACK + " -G DEB >/dev/null");
     const std::string arch = first_line(ok("dpkg --print-architecture")),
                       libdir = "./usr/lib/" + first_line(ok("dpkg-architecture -qDEB_HOST_MULTIARCH")) + "/",
-                      tail = "_1.0.0-1_" + arch;
+                      tail = "_" + std::string(KELVANE_VERSION_STRING) + "-1_" + arch;
     const std::string lib_deb = "libkelvane1" + tail + ".deb", dev_deb = "libkelvane-dev" + tail + ".deb",
                       zset_deb = "zset" + tail + ".deb", lib_dbg = "libkelvane1-dbgsym" + tail + ".ddeb",
                       zset_dbg = "zset-dbgsym" + tail + ".ddeb";
@@ -239,21 +263,23 @@ TEST(Install, DebianPackagesAreStrippedMultiarchDocumentedAndLintianClean) {
     auto docs = [](const std::string& package) {
         return "./usr/share/doc/" + package + "/changelog.Debian.gz\n./usr/share/doc/" + package + "/copyright\n";
     };
+    const std::string version = KELVANE_VERSION_STRING;
     EXPECT_TRUE(has(field(lib_deb, "Depends"), "libhiredis"));
-    EXPECT_EQ(contents(lib_deb), libdir + "libkelvane.so.1->libkelvane.so.1.0.0\n" + libdir + "libkelvane.so.1.0.0\n" +
-                                     docs("libkelvane1"));
-    EXPECT_TRUE(has(field(dev_deb, "Depends"), "libkelvane1 (= 1.0.0-1)"));
+    EXPECT_TRUE(has(field(lib_deb, "Depends"), "libssl3"));
+    EXPECT_EQ(contents(lib_deb), libdir + "libkelvane.so.1->libkelvane.so." + version + "\n" + libdir +
+                                     "libkelvane.so." + version + "\n" + docs("libkelvane1"));
+    EXPECT_TRUE(has(field(dev_deb, "Depends"), "libkelvane1 (= " + version + "-1)"));
     const std::string cmake_dir = libdir + "cmake/kelvane/kelvane";
     EXPECT_EQ(contents(dev_deb), "./usr/include/kelvane.h\n" + cmake_dir + "Config.cmake\n" + cmake_dir +
                                      "ConfigVersion.cmake\n" + cmake_dir + "Targets-<build type>.cmake\n" + cmake_dir +
                                      "Targets.cmake\n" + libdir + "libkelvane.so->libkelvane.so.1\n" + libdir +
                                      "pkgconfig/kelvane.pc\n" + docs("libkelvane-dev"));
-    EXPECT_TRUE(has(field(zset_deb, "Depends"), "libkelvane1 (= 1.0.0-1)"));
+    EXPECT_TRUE(has(field(zset_deb, "Depends"), "libkelvane1 (= " + version + "-1)"));
     EXPECT_EQ(contents(zset_deb), "./usr/bin/zset\n./usr/bin/zset-report\n" + docs("zset"));
     // The programs' debug information, by build id, with a link to their package's documentation.
     for (const auto& [dbg, package, programs] :
          std::vector<std::tuple<std::string, std::string, int>>{{lib_dbg, "libkelvane1", 1}, {zset_dbg, "zset", 2}}) {
-        EXPECT_TRUE(has(field(dbg, "Depends"), package + " (= 1.0.0-1)"));
+        EXPECT_TRUE(has(field(dbg, "Depends"), package + " (= " + version + "-1)"));
         const std::vector<std::string> files = lines_of(contents(dbg));
         ASSERT_EQ(files.size(), static_cast<size_t>(programs + 1)) << dbg;
         for (int k = 0; k < programs; ++k) {
