@@ -1,5 +1,7 @@
 // api_reads.cpp -- the sorted-set reads: kv_zscore, kv_zrank, kv_zcard,
-// kv_zcount and the four range reads.
+// kv_zcount and the four range reads, each on native commands
+// (native_reads.h) or as a call of its server function, as the client's
+// read path says.
 //
 // The variadic reads decide on their flags before they read any optional
 // argument: a call with a combination they refuse passes none.
@@ -7,10 +9,12 @@
 #include <string_view>
 
 #include "api_common.h"
+#include "native_reads.h"
 #include "range_reply.h"
 
 using kelvane::guarded;
 using kelvane::PointReply;
+using kelvane::Selection;
 
 namespace {
 
@@ -22,6 +26,7 @@ int32_t count_members(kv_client* client, const char* key, size_t key_len, const 
     if (bounds && (!kelvane::score_ok(bounds[0]) || !kelvane::score_ok(bounds[1]))) {
         return KV_INVALID_PARAMETER;
     }
+    if (client->native_reads()) return kelvane::native::count(client, key, key_len, bounds, count);
     kelvane::Request& request = kelvane::function_call(client, "zcount", key, key_len);
     if (bounds) request.score(bounds[0]).score(bounds[1]);
     PointReply reply(kelvane::kStatusCount);
@@ -29,16 +34,6 @@ int32_t count_members(kv_client* client, const char* key, size_t key_len, const 
     if (status != KV_SUCCESS) return status;
     return reply.count(1, count) ? KV_SUCCESS : KV_SERVER_ERROR;
 }
-
-// What selects a range: ranks, or inclusive score bounds with an optional
-// limit.
-struct Selection {
-    bool by_score;
-    int32_t start, stop;
-    double min, max;
-    bool limited;
-    int32_t offset, count;
-};
 
 // The common body of the four range reads, after the optional arguments
 // have been taken from the list.
@@ -49,6 +44,9 @@ int32_t read_range(kv_client* client, const char* key, size_t key_len, const Sel
         return KV_INVALID_PARAMETER;
     }
     if (sel.limited && sel.offset < 0) return KV_INVALID_PARAMETER;
+    if (client->native_reads()) {
+        return kelvane::native::range(client, key, key_len, sel, (flags & ZSET_REVERSE) != 0, suffix, out);
+    }
     kelvane::Request& request = kelvane::function_call(client, "zrange", key, key_len);
     request.flag(sel.by_score);
     if (sel.by_score) {
@@ -130,6 +128,10 @@ extern "C" int32_t kv_zscore(kv_client* client, const char* key, size_t key_len,
             score == nullptr || value == nullptr || value_len == nullptr) {
             return KV_INVALID_PARAMETER;
         }
+        if (client->native_reads()) {
+            return kelvane::native::zscore(client, key, key_len, std::string_view(member, member_len),
+                                           score, value, value_len);
+        }
         kelvane::function_call(client, "zscore", key, key_len).arg(member, member_len);
         // The value goes straight into a buffer for the caller.
         PointReply reply(kelvane::kStatusScoreValue, client->mm, 2);
@@ -166,6 +168,10 @@ extern "C" int32_t kv_zrank(kv_client* client, const char* key, size_t key_len,
         if (!kelvane::key_ok(client, key, key_len) || !kelvane::bytes_ok(member, member_len) ||
             rank == nullptr) {
             return KV_INVALID_PARAMETER;
+        }
+        if (client->native_reads()) {
+            return kelvane::native::zrank(client, key, key_len, std::string_view(member, member_len),
+                                          (flags & ZSET_REVERSE) != 0, rank, value, value_len);
         }
         kelvane::function_call(client, "zrank", key, key_len)
             .arg(member, member_len)

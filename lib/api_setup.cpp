@@ -32,7 +32,7 @@ extern "C" kv_client* kv_client_create(int32_t connect_timeout_s, int32_t comman
         seconds(connect_timeout_s, kDefaultConnectTimeout),
         seconds(command_timeout_s, kDefaultCommandTimeout),
         connect_attempts > 0 ? connect_attempts : kDefaultConnectAttempts};
-    return new (std::nothrow) kv_client(mm, settings);
+    return new (std::nothrow) kv_client(mm, settings, kelvane::read_path_from_environment());
 }
 
 extern "C" void kv_client_destroy(kv_client* client) { delete client; }

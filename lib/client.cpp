@@ -2,9 +2,21 @@
 #include "client.h"
 
 #include <charconv>
+#include <cstdlib>
+#include <cstring>
 
 #include "server_keys.h"
 #include "status_text.h"
+
+kelvane::ReadPath kelvane::read_path_from_environment() {
+    // secure_getenv: a set-user-ID program takes no settings from its
+    // caller's environment.
+    const char* text = secure_getenv("KELVANE_READS");
+    if (text == nullptr) return ReadPath::automatic;
+    if (std::strcmp(text, "functions") == 0) return ReadPath::functions;
+    if (std::strcmp(text, "native") == 0) return ReadPath::native;
+    return ReadPath::automatic;
+}
 
 std::string_view kv_client::next_tag() {
     const char* end = std::to_chars(tag_, tag_ + sizeof tag_, ++calls_).ptr;
@@ -25,6 +37,13 @@ int32_t kv_client::run_command(const char* key, std::size_t key_len, kelvane::Re
     request.then_ping(tag);
     sink.expect_tag(tag, kelvane::TagPlace::own_reply);
     return router.run(request, kelvane::key_slot(key, key_len), sink, false, deadline);
+}
+
+int32_t kv_client::run_pinned(kelvane::ReplySink& sink) {
+    const std::string_view tag = next_tag();
+    request.then_ping(tag);
+    sink.expect_tag(tag, kelvane::TagPlace::own_reply);
+    return router.run_pinned(request, sink, deadline);
 }
 
 void kv_client::finish_call(int32_t status) {

@@ -16,9 +16,21 @@
 #include "request.h"
 #include "router.h"
 
+namespace kelvane {
+
+// Which way the reads go (KELVANE_READS, read when the client is made): the
+// server functions, or native commands (native_reads.h). "auto", the
+// default, picks per call what measured faster; an unknown value counts as
+// auto.
+enum class ReadPath : uint8_t { functions, native, automatic };
+ReadPath read_path_from_environment();
+
+}  // namespace kelvane
+
 struct kv_client {
-    kv_client(kv_mm* manager, const kelvane::RouterSettings& given)
+    kv_client(kv_mm* manager, const kelvane::RouterSettings& given, kelvane::ReadPath path)
         : mm(manager),
+          reads(path),
           settings(given),
           router(given),
           bound(kelvane::saturated_total(given.connect_attempts, given.connect_timeout,
@@ -32,14 +44,21 @@ struct kv_client {
     // Runs the function call in request, for kelvane key K, and reads its
     // reply into sink. The router's status, KV_SUCCESS once a reply came.
     int32_t run_function(const char* key, std::size_t key_len, kelvane::ReplySink& sink);
-    // Runs a plain command on the node that serves K.
+    // Runs the native commands in request on the node that serves K.
     int32_t run_command(const char* key, std::size_t key_len, kelvane::ReplySink& sink);
+    // Runs them over the connection the last command used, relying on what
+    // it left there (Router::run_pinned).
+    int32_t run_pinned(kelvane::ReplySink& sink);
 
     // Ends an exported call with status: keeps why it failed, in words, for
     // kv_last_error, or forgets any earlier failure.
     void finish_call(int32_t status);
 
+    // Whether reads go on native commands rather than the server functions.
+    bool native_reads() const { return reads != kelvane::ReadPath::functions; }
+
     kv_mm* mm;
+    kelvane::ReadPath reads;
     kelvane::RouterSettings settings;
     kelvane::Router router;
     kelvane::Request request;

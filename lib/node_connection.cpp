@@ -36,7 +36,9 @@ int32_t NodeConnection::open(const Endpoint& endpoint, const NodeSettings& setti
     if (status != KV_SUCCESS) {
         failure_ = where + ": " + failure_;
         close();
+        return status;
     }
+    ++sessions_;
     return status;
 }
 
@@ -98,7 +100,10 @@ Exchange NodeConnection::exchange(std::string_view bytes, std::initializer_list<
     int32_t status = socket_.send_all(bytes, deadline);
     const bool sent = status == KV_SUCCESS;
     for (auto sink = sinks.begin(); status == KV_SUCCESS && sink != sinks.end(); ++sink) {
-        status = read_reply(**sink, deadline);
+        for (std::size_t r = 0, n = (*sink)->replies(); status == KV_SUCCESS && r < n; ++r) {
+            status = read_reply(**sink, deadline);
+        }
+        if (status == KV_SUCCESS) (*sink)->replies_read();
         if (status == KV_SUCCESS && (*sink)->tag_follows()) {
             (*sink)->start_tag_reply();
             status = read_reply(**sink, deadline);

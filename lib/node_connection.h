@@ -50,11 +50,16 @@ public:
         return socket_.idle_and_alive();
     }
     NodeMode mode() const { return mode_; }
+    // Counts the connections opened: a number that stays the same for as
+    // long as one connection does, and so whatever state the server keeps
+    // for it (WATCH).
+    uint64_t session() const { return sessions_; }
     // Why the last failed open or exchange failed, in words.
     const std::string& failure() const { return failure_; }
 
-    // Sends bytes, which hold one command per sink, and reads each reply
-    // into its sink, all before the deadline.
+    // Sends bytes, which hold the commands of each sink in turn, and reads
+    // each sink's replies (ReplySink::replies()) into it, all before the
+    // deadline.
     Exchange exchange(std::string_view bytes, std::initializer_list<ReplySink*> sinks,
                       Deadline deadline);
 
@@ -67,6 +72,7 @@ private:
     Socket socket_;
     Reader reader_;
     Clock::time_point last_reply_{};
+    uint64_t sessions_ = 0;
     NodeMode mode_ = NodeMode::unknown;
     std::string failure_;
     std::array<char, 16 * 1024> buffer_;

@@ -80,6 +80,15 @@ void ReplySink::reset() {
     clear();
 }
 
+bool ReplySink::take_error(const ReplyPosition&, const char*, std::size_t) { return false; }
+
+bool ReplySink::take_top_error(const char*, std::size_t) { return false; }
+
+void ReplySink::note_error(std::string_view text) {
+    is_error_ = true;
+    error_.assign(text);
+}
+
 void ReplySink::fail(int32_t status) {
     if (failure_ == KV_SUCCESS) failure_ = status;
 }
@@ -104,11 +113,11 @@ bool ReplySink::on_string(const ReplyPosition& at, int type, const char* bytes,
                           std::size_t len) {
     if (in_tag_reply_) return take_tag_reply(at, type, bytes, len);
     if (at.depth == 0 && type == REDIS_REPLY_ERROR) {
-        is_error_ = true;
-        error_.assign(bytes, len);
+        if (!take_top_error(bytes, len)) note_error(std::string_view(bytes, len));
         return true;
     }
     if (at_tag(at)) return type == REDIS_REPLY_STRING && std::string_view(bytes, len) == tag_;
+    if (type == REDIS_REPLY_ERROR) return take_error(at, bytes, len);
     // A function's reply is an array (or an error).
     if (at.depth == 0 && tag_place_ == TagPlace::last_element) return false;
     return take_text(at, type == REDIS_REPLY_STRING, bytes, len);
@@ -188,6 +197,10 @@ bool ValueReply::take_nil(const ReplyPosition& at) {
     if (v == nullptr) return false;
     v->type = Value::Type::nil;
     return true;
+}
+
+bool ValueReply::take_error(const ReplyPosition& at, const char* bytes, std::size_t len) {
+    return take_text(at, false, bytes, len);
 }
 
 bool ValueReply::take_text(const ReplyPosition& at, bool, const char* bytes, std::size_t len) {

@@ -15,8 +15,11 @@
 //
 // A reply can also be made to prove whose it is: the call chooses a tag,
 // sends it with its command, and the reply must carry it back, as the last
-// element of a function's reply or as the echo of a PING sent after a native
-// command. A reply that carries another tag belongs to another command.
+// element of a function's reply or as the echo of a PING sent after native
+// commands. A reply that carries another tag belongs to another command.
+//
+// A sink takes one reply, or the several replies of a run of commands
+// (replies()), each delivered at depth 0 in turn.
 #ifndef KELVANE_REPLY_SINK_H
 #define KELVANE_REPLY_SINK_H
 
@@ -64,6 +67,14 @@ public:
     // The next reply the reader delivers is the tag's own.
     void start_tag_reply() { in_tag_reply_ = true; }
 
+    // How many replies this sink takes before its tag's (one by default),
+    // and what it makes of them once they have all come.
+    virtual std::size_t replies() const { return 1; }
+    virtual void replies_read() {}
+    // Which form of the request was sent: the one without the values key
+    // (Request::main_key_only()) or the whole one. Kept across reset().
+    void expect_main_key_only(bool main_key_only) { main_key_only_ = main_key_only; }
+
     bool is_error() const { return is_error_; }
     std::string_view error() const { return error_; }
 
@@ -91,7 +102,19 @@ protected:
     virtual bool take_array(const ReplyPosition& at, std::size_t count) = 0;
     virtual bool take_integer(const ReplyPosition& at, long long value) = 0;
     virtual bool take_nil(const ReplyPosition& at) = 0;
+    // An error inside a reply (in a transaction's reply, a command's own
+    // error): refused unless the sink expects one.
+    virtual bool take_error(const ReplyPosition& at, const char* bytes, std::size_t len);
+    // An error that is a whole reply: false leaves it to the base class as
+    // the error of the request; a sink that takes several replies may take it
+    // as the answer of one of its commands instead.
+    virtual bool take_top_error(const char* bytes, std::size_t len);
     virtual void clear() = 0;
+
+    // Makes text the error of the request (replacing any earlier one), for a
+    // sink that works out which of its replies' errors counts.
+    void note_error(std::string_view text);
+    bool main_key_only() const { return main_key_only_; }
 
     // Bytes the reader holds and has not parsed yet. Until more arrive, no
     // array can hold more elements than these bytes can carry (three bytes
@@ -109,6 +132,7 @@ private:
 
     bool is_error_ = false;
     bool in_tag_reply_ = false;
+    bool main_key_only_ = false;
     TagPlace tag_place_ = TagPlace::none;
     int tag_index_ = -1;
     int32_t failure_ = 0;
@@ -157,6 +181,7 @@ private:
     bool take_array(const ReplyPosition& at, std::size_t count) override;
     bool take_integer(const ReplyPosition& at, long long value) override;
     bool take_nil(const ReplyPosition& at) override;
+    bool take_error(const ReplyPosition& at, const char* bytes, std::size_t len) override;
     void clear() override;
     // The new element at this position; nullptr past the cap.
     Value* place(const ReplyPosition& at);

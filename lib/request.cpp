@@ -13,6 +13,10 @@ Request& Request::start() {
     buffer_.assign(kHeaderRoom, ' ');
     argc_ = 0;
     count_from_ = count_to_ = key_count_ = values_from_ = values_to_ = main_at_ = main_len_ = 0;
+    values_name_at_ = values_name_len_ = 0;
+    commands_ = open_values_ = false;
+    follows_ask_ = true;
+    dropped_.clear();
     return *this;
 }
 
@@ -35,6 +39,26 @@ void append_length_line(std::string& out, char kind, std::size_t n) {
 
 }  // namespace
 
+Request& Request::command(std::size_t argc) {
+    end_values_command();
+    commands_ = true;
+    append_length_line(buffer_, '*', argc);
+    return *this;
+}
+
+Request& Request::values_command(std::size_t argc) {
+    end_values_command();
+    dropped_.emplace_back(buffer_.size(), buffer_.size());
+    open_values_ = true;
+    return command(argc);
+}
+
+void Request::end_values_command() {
+    if (!open_values_) return;
+    dropped_.back().second = buffer_.size();
+    open_values_ = false;
+}
+
 void Request::bulk_header(std::size_t len) {
     append_length_line(buffer_, '$', len);
     ++argc_;
@@ -55,6 +79,7 @@ Request& Request::arg_joined(std::string_view a, std::string_view b, std::string
 }
 
 Request& Request::then_ping(std::string_view tag) {
+    end_values_command();
     char digits[24];
     const auto end = std::to_chars(digits, digits + sizeof digits, tag.size()).ptr;
     buffer_ += "*2\r\n$4\r\nPING\r\n$";
@@ -85,9 +110,15 @@ Request& Request::server_key(const char* key, std::size_t key_len, std::string_v
     append_server_key(buffer_, key, key_len);
     buffer_.append(suffix);
     buffer_ += "\r\n";
-    if (suffix == kValuesSuffix && main_len_ != 0) {
-        values_from_ = from;
-        values_to_ = buffer_.size();
+    if (suffix == kValuesSuffix) {
+        values_name_at_ = name_at;
+        values_name_len_ = len;
+        // In a single command the values key is an argument main_key_only()
+        // leaves out; in a run of commands, the commands that name it go.
+        if (!commands_ && main_len_ != 0) {
+            values_from_ = from;
+            values_to_ = buffer_.size();
+        }
     } else if (suffix.empty() && main_len_ == 0) {
         main_at_ = name_at;
         main_len_ = len;
@@ -104,15 +135,22 @@ Request& Request::key_count(std::size_t n) {
 }
 
 std::string_view Request::values_key() const {
-    // The argument without its "$<len>\r\n" header and its "\r\n".
-    const std::string_view arg = std::string_view(buffer_).substr(values_from_, values_to_ - values_from_);
-    const std::size_t name_at = arg.find("\r\n") + 2;
-    return arg.substr(name_at, arg.size() - name_at - 2);
+    return std::string_view(buffer_).substr(values_name_at_, values_name_len_);
 }
 
 std::string_view Request::main_key_only() {
     std::string& out = main_key_only_;
     out.clear();
+    if (commands_) {
+        end_values_command();
+        std::size_t at = kHeaderRoom;
+        for (const auto& [from, to] : dropped_) {
+            out.append(buffer_, at, from - at);
+            at = to;
+        }
+        out.append(buffer_, at, std::string::npos);
+        return out;
+    }
     append_length_line(out, '*', argc_ - 1);
     std::size_t at = kHeaderRoom;
     if (count_to_ != 0) {
@@ -128,6 +166,10 @@ std::string_view Request::main_key_only() {
 }
 
 std::string_view Request::bytes() {
+    if (commands_) {
+        end_values_command();
+        return std::string_view(buffer_).substr(kHeaderRoom);
+    }
     char header[kHeaderRoom];
     header[0] = '*';
     char* end = std::to_chars(header + 1, header + sizeof header - 2, argc_).ptr;

@@ -1,6 +1,11 @@
-// request.h -- one command in the server's wire format, written straight
-// into a buffer that lives as long as the client, so that building a command
-// allocates nothing once the buffer has grown to the client's usual sizes.
+// request.h -- what one call sends, in the server's wire format, written
+// straight into a buffer that lives as long as the client, so that building
+// it allocates nothing once the buffer has grown to the client's usual sizes.
+//
+// A request is one command whose argument count is filled in at the end (a
+// function call, whose length depends on its arguments), or a run of commands
+// each started with command(argc) (native commands, a transaction), either
+// followed by a PING that tags it.
 #ifndef KELVANE_REQUEST_H
 #define KELVANE_REQUEST_H
 
@@ -8,13 +13,21 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace kelvane {
 
 class Request {
 public:
-    // Starts a new command, dropping the previous one (the buffer is kept).
+    // Starts a new request, dropping the previous one (the buffer is kept).
     Request& start();
+    // Starts the next command of a run of commands, of argc arguments. A
+    // request that uses it is made of such commands alone.
+    Request& command(std::size_t argc);
+    // The same for a command that names the values key and nothing that the
+    // read needs without it (main_key_only() leaves it out whole).
+    Request& values_command(std::size_t argc);
     // Makes room for bytes of arguments, so that writing them moves nothing.
     void reserve(std::size_t bytes) { buffer_.reserve(kHeaderRoom + bytes); }
     // Overwrites the command (one that held a secret) and drops it.
@@ -34,6 +47,15 @@ public:
     // The number of keys a function call declares.
     Request& key_count(std::size_t n);
 
+    // Marks a run of commands that one ASKING cannot cover (it covers only
+    // the command after it): the router hands an ASK back to the caller
+    // instead of following it.
+    Request& cannot_follow_ask() {
+        follows_ask_ = false;
+        return *this;
+    }
+    bool follows_ask() const { return follows_ask_; }
+
     // Appends "PING <tag>" as a command of its own after this one: the
     // server's echo of it, read right after this command's reply, proves
     // that reply to be this command's. Nothing may be added after it.
@@ -47,15 +69,18 @@ public:
     // then the values key: server_key() with kValuesSuffix) has a second
     // form without the values key, declaring one key fewer, for a cluster
     // node that holds the main key in a slot being migrated and refuses the
-    // pair because the values hash does not exist. The names of both keys,
-    // for finding that out, and that form, valid until the next start().
-    bool names_values_key() const { return values_from_ != 0; }
+    // pair because the values hash does not exist; a run of commands has one
+    // without its values commands. The names of both keys, for finding that
+    // out, and that form, valid until the next start().
+    bool names_values_key() const { return values_from_ != 0 || !dropped_.empty(); }
     std::string_view main_key() const { return std::string_view(buffer_).substr(main_at_, main_len_); }
     std::string_view values_key() const;
     std::string_view main_key_only();
 
 private:
     void bulk_header(std::size_t len);
+    // Closes the values command under way, if any.
+    void end_values_command();
 
     // Arguments are written after a gap at the front; bytes() fills the
     // end of the gap with the "*<argc>" header once the count is known.
@@ -68,6 +93,13 @@ private:
     std::size_t count_from_ = 0, count_to_ = 0, key_count_ = 0;
     std::size_t values_from_ = 0, values_to_ = 0;
     std::size_t main_at_ = 0, main_len_ = 0;
+    std::size_t values_name_at_ = 0, values_name_len_ = 0;
+    // A run of commands: its values commands, as spans of buffer_ (the last
+    // one open while open_values_ is set).
+    bool commands_ = false;
+    bool open_values_ = false;
+    bool follows_ask_ = true;
+    std::vector<std::pair<std::size_t, std::size_t>> dropped_;
     std::string main_key_only_;
 };
 

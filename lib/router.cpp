@@ -280,6 +280,7 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
         call.main_key_only_on = nullptr;
         const std::string_view command = main_key_only ? request.main_key_only() : bytes;
         const bool asking = call.ask_target.has_value();
+        sink.expect_main_key_only(main_key_only);
         Exchange done{};
         if (asking) {
             ValueReply asking_reply;
@@ -300,6 +301,8 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
             call.failed = true;
             continue;
         }
+        last_node_ = n;
+        last_session_ = n->connection.session();
         if (!sink.is_error()) return KV_SUCCESS;
         const ServerError error = classify_error(sink.error());
         // A slot in migration, and the node would not take both server keys
@@ -319,8 +322,39 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
             continue;
         }
         note(status_of(error.kind), *n, describe(n->endpoint) + " answered " + std::string(sink.error()));
+        if (error.kind == ErrorKind::ask && !request.follows_ask()) return kKeyMoving;
         const Step next = on_error_reply(error, *n, uses_functions, call);
         if (!next.repeat) return next.status;
+    }
+}
+
+int32_t Router::run_pinned(Request& request, ReplySink& sink, Deadline deadline) {
+    Node* n = last_node_;
+    if (n == nullptr || !n->connection.is_open() || n->connection.session() != last_session_) {
+        return kPinLost;
+    }
+    sink.expect_main_key_only(false);
+    const Exchange done = n->connection.exchange(request.bytes(), {&sink}, command_deadline(deadline));
+    if (done.status != KV_SUCCESS) {
+        note(done.status, *n, describe(n->endpoint) + ": " + n->connection.failure());
+        if (mode_ == NodeMode::cluster) refresh_due_ = true;
+        return done.status;
+    }
+    if (!sink.is_error()) return KV_SUCCESS;
+    const ServerError error = classify_error(sink.error());
+    note(status_of(error.kind), *n, describe(n->endpoint) + " answered " + std::string(sink.error()));
+    switch (error.kind) {
+        case ErrorKind::moved:
+        case ErrorKind::ask:
+        case ErrorKind::try_again:
+        case ErrorKind::cluster_down:
+        case ErrorKind::read_only:
+        case ErrorKind::busy:
+            // Nothing ran; the next run() routes afresh.
+            if (error.kind == ErrorKind::moved || error.kind == ErrorKind::read_only) refresh_due_ = true;
+            return kPinLost;
+        default:
+            return status_of(error.kind);
     }
 }
 

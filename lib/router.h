@@ -29,6 +29,16 @@
 
 namespace kelvane {
 
+// Returned by Router::run() for a request that cannot follow ASK
+// (Request::cannot_follow_ask): its key has moved on in a slot migration,
+// and the caller sends a form that can.
+inline constexpr int32_t kKeyMoving = -3;
+// Returned by Router::run_pinned() when the connection of the last run is
+// gone, or the server answered that its key must be looked for elsewhere
+// now: what the last run left on the connection is lost, and the caller
+// starts over.
+inline constexpr int32_t kPinLost = -4;
+
 struct RouterSettings {
     std::chrono::milliseconds connect_timeout;
     std::chrono::milliseconds command_timeout;
@@ -70,6 +80,13 @@ public:
     // function library first.
     int32_t run(Request& request, uint16_t slot, ReplySink& sink, bool uses_functions,
                 Deadline deadline);
+
+    // Sends request over the very connection the last exchange of run()
+    // used, without routing, reconnecting or retrying: for a request that
+    // relies on what that run left on the connection (a WATCH). KV_SUCCESS
+    // once a reply that is not an error arrived; kPinLost; or the status an
+    // error ends the call with.
+    int32_t run_pinned(Request& request, ReplySink& sink, Deadline deadline);
 
 private:
     struct Node {
@@ -117,6 +134,9 @@ private:
 
     RouterSettings settings_;
     std::vector<std::unique_ptr<Node>> nodes_;
+    // The node and connection of run()'s last exchange that came whole.
+    Node* last_node_ = nullptr;
+    uint64_t last_session_ = 0;
     std::vector<Node*> seeds_;
     NodeMode mode_ = NodeMode::unknown;
     Node* standalone_ = nullptr;  // the server, in standalone mode

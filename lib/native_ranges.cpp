@@ -1,0 +1,204 @@
+// native_ranges.cpp -- the four range reads on native commands.
+//
+// The function answers (functions/reads.lua), worked out here: a main key
+// of another kind is KV_WRONG_REPLY; an empty range is KV_NOTFOUND for an
+// absent key and an empty success otherwise; a values hash of another kind
+// is KV_WRONG_REPLY once the range holds members; a member without a value
+// gets a null one.
+//
+// Three paths, by what the read needs:
+// - without values: ZRANGE alone, and on an empty range once more in a
+//   transaction with EXISTS;
+// - with values, of the whole set: one transaction of ZRANGE, HGETALL of the
+//   values hash (joined to the members in the client) and EXISTS;
+// - with values, of part of the set: WATCH both keys and ZRANGE, then
+//   HMGET of just those members in a transaction that runs only if neither
+//   key changed since the WATCH; read again if one did. Two round trips, as
+//   a hiredis program needs for the same read, and nothing passes through
+//   Lua. After two conflicts, or while the key's slot migrates, the read
+//   takes the whole-set path's transaction, which fits any range.
+#include <cmath>
+#include <limits>
+
+#include "native_range_reply.h"
+#include "native_reads.h"
+#include "read_attempts.h"
+#include "server_keys.h"
+
+namespace kelvane::native {
+namespace {
+
+constexpr int kWatchedAttempts = 2;
+
+// Appends sel's ZRANGE to r.
+void add_zrange(Request& r, const char* key, std::size_t key_len, const Selection& sel,
+                bool reverse, bool scores) {
+    const bool limit = sel.by_score && sel.limited;
+    r.command(4 + (sel.by_score ? 1 : 0) + (reverse ? 1 : 0) + (limit ? 3 : 0) + (scores ? 1 : 0));
+    r.arg("ZRANGE").server_key(key, key_len, "");
+    if (!sel.by_score) {
+        r.integer(sel.start).integer(sel.stop);
+    } else {
+        // ZRANGE ... BYSCORE REV takes the bounds high first.
+        r.score(reverse ? sel.max : sel.min).score(reverse ? sel.min : sel.max).arg("BYSCORE");
+    }
+    if (reverse) r.arg("REV");
+    if (limit) r.arg("LIMIT").integer(sel.offset).integer(sel.count);
+    if (scores) r.arg("WITHSCORES");
+}
+
+// Whether sel selects every member, whatever the set holds.
+bool whole_set(const Selection& sel) {
+    constexpr double inf = std::numeric_limits<double>::infinity();
+    if (!sel.by_score) return sel.start == 0 && sel.stop == -1;
+    return sel.min == -inf && sel.max == inf && (!sel.limited || (sel.offset == 0 && sel.count < 0));
+}
+
+// The status of a range whose replies came whole: an empty range needs
+// EXISTS's word; the values hash's kind counts only for members.
+int32_t settle(const NativeRangeReply& reply, const RangeBuilder& result) {
+    if (reply.items_wrong_type()) return KV_WRONG_REPLY;
+    if (result.size() == 0) return reply.key_exists() ? KV_SUCCESS : KV_NOTFOUND;
+    if (reply.values_wrong_type()) return KV_WRONG_REPLY;
+    return result.no_memory() ? KV_NO_MEMORY : KV_SUCCESS;
+}
+
+int32_t without_values(kv_client* client, const char* key, std::size_t key_len,
+                       const Selection& sel, bool reverse, RangeBuilder& result) {
+    ReadAttempts attempts(*client);
+    bool with_exists = false;
+    for (;;) {
+        const Envelope& envelope = with_exists ? attempts.envelope() : kPlain;
+        Request& r = client->request.start();
+        open_envelope(r, envelope, key, key_len);
+        add_zrange(r, key, key_len, sel, reverse, result.with_scores());
+        if (with_exists) r.command(2).arg("EXISTS").server_key(key, key_len, "");
+        close_envelope(r, envelope);
+        const RangePart parts[] = {RangePart::items, RangePart::exists};
+        NativeRangeReply reply(result, parts, with_exists ? 2 : 1, envelope);
+        int32_t status = client->run_command(key, key_len, reply);
+        if (attempts.again(envelope, reply, &status)) continue;
+        if (status != KV_SUCCESS) return status;
+        if (result.size() != 0 || reply.items_wrong_type() || with_exists) return settle(reply, result);
+        with_exists = true;
+    }
+}
+
+int32_t with_values_table(kv_client* client, const char* key, std::size_t key_len,
+                          const Selection& sel, bool reverse, RangeBuilder& result) {
+    ReadAttempts attempts(*client);
+    for (;;) {
+        const Envelope& envelope = attempts.envelope();
+        Request& r = client->request.start();
+        open_envelope(r, envelope, key, key_len);
+        add_zrange(r, key, key_len, sel, reverse, result.with_scores());
+        r.values_command(2).arg("HGETALL").server_key(key, key_len, kValuesSuffix);
+        r.command(2).arg("EXISTS").server_key(key, key_len, "");
+        close_envelope(r, envelope);
+        NativeRangeReply reply(result, {RangePart::items, RangePart::values_table, RangePart::exists},
+                               envelope);
+        int32_t status = client->run_command(key, key_len, reply);
+        if (attempts.again(envelope, reply, &status)) continue;
+        if (status != KV_SUCCESS) return status;
+        result.open_values();  // members without values, where no values hash was read
+        return settle(reply, result);
+    }
+}
+
+// The WATCH a watched range read leaves on its connection between its two
+// round trips. The server keeps it for the connection: nothing else may use
+// the connection in between, and the read ends it with EXEC (or UNWATCH)
+// whatever happens, so that no later transaction meets it. This is the one
+// place where state on the server spans two round trips of a call.
+class Watch {
+public:
+    explicit Watch(kv_client* client) : client_(client) {}
+    ~Watch() { release(); }
+    Watch(const Watch&) = delete;
+    Watch& operator=(const Watch&) = delete;
+
+    void set() { held_ = true; }
+    // An EXEC went out on the connection: it ends any WATCH.
+    void ended() { held_ = false; }
+    void release() {
+        if (!held_) return;
+        held_ = false;
+        ValueReply reply;
+        client_->request.start().command(1).arg("UNWATCH");
+        // Should this fail too, the connection is closed, and the WATCH with it.
+        client_->run_pinned(reply);
+    }
+
+private:
+    kv_client* client_;
+    bool held_ = false;
+};
+
+int32_t with_values_watched(kv_client* client, const char* key, std::size_t key_len,
+                            const Selection& sel, bool reverse, RangeBuilder& result) {
+    constexpr Envelope kOpen{true, false, false}, kCheck{false, false, true};
+    for (int attempt = 0; attempt < kWatchedAttempts; ++attempt) {
+        Watch watch(client);
+        Request& r = client->request.start();
+        open_envelope(r, kOpen, key, key_len);
+        add_zrange(r, key, key_len, sel, reverse, result.with_scores());
+        NativeRangeReply first(result, {RangePart::items}, kOpen);
+        int32_t status = client->run_command(key, key_len, first);
+        watch.set();  // if the connection is gone, so is the WATCH
+        if (status == kKeyMoving) break;
+        if (status != KV_SUCCESS) return status;
+        if (first.items_wrong_type()) return KV_WRONG_REPLY;
+        if (result.no_memory()) return KV_NO_MEMORY;
+
+        const std::size_t n = result.size();
+        if (n != 0 && !first.whole_form_sent()) {
+            // The values hash exists nowhere while the key's slot migrates:
+            // ZRANGE alone was the read.
+            result.open_values();
+            return KV_SUCCESS;
+        }
+        // The values of just those members, or EXISTS for an empty range;
+        // the check runs only if neither key changed since the WATCH.
+        Request& second = client->request.start();
+        if (n != 0) {
+            std::size_t bytes = 64;
+            for (std::size_t i = 0; i < n; ++i) bytes += result.member(i).size() + 16;
+            second.reserve(bytes);
+            second.command(2 + n).arg("HMGET").server_key(key, key_len, kValuesSuffix);
+            for (std::size_t i = 0; i < n; ++i) second.arg(result.member(i));
+        } else {
+            second.command(2).arg("EXISTS").server_key(key, key_len, "");
+        }
+        close_envelope(second, kCheck);
+        NativeRangeReply check(result, {n != 0 ? RangePart::values_list : RangePart::exists}, kCheck);
+        status = client->run_pinned(check);
+        watch.ended();
+        if (status == kPinLost) continue;
+        if (status != KV_SUCCESS) return status;
+        if (check.watch_failed()) continue;  // a key changed since the WATCH: read again
+        if (n == 0) return check.key_exists() ? KV_SUCCESS : KV_NOTFOUND;
+        result.open_values();
+        if (check.values_wrong_type()) return KV_WRONG_REPLY;
+        return result.no_memory() ? KV_NO_MEMORY : KV_SUCCESS;
+    }
+    return with_values_table(client, key, key_len, sel, reverse, result);
+}
+
+}  // namespace
+
+int32_t range(kv_client* client, const char* key, std::size_t key_len, const Selection& sel,
+              bool reverse, std::string_view suffix, const RangeOut& out) {
+    RangeBuilder result(client->mm, suffix, out.scores != nullptr, out.values != nullptr);
+    int32_t status = KV_SUCCESS;
+    if (!result.with_values()) {
+        status = without_values(client, key, key_len, sel, reverse, result);
+    } else if (whole_set(sel)) {
+        status = with_values_table(client, key, key_len, sel, reverse, result);
+    } else {
+        status = with_values_watched(client, key, key_len, sel, reverse, result);
+    }
+    if (status == KV_SUCCESS) result.hand_out(out);
+    return status;
+}
+
+}  // namespace kelvane::native
