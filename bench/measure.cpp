@@ -31,20 +31,6 @@ std::string first_line_apart(const std::string& lib, const std::string& raw) {
     return "\"" + line_at(lib) + "\" vs \"" + line_at(raw) + "\"";
 }
 
-std::uint64_t rows_sum(const std::map<std::string, CommandStat>& before,
-                       const std::map<std::string, CommandStat>& after,
-                       const std::vector<std::string>& rows, bool usec) {
-    std::uint64_t total = 0;
-    for (const auto& row : rows) {
-        const auto a = after.find(row);
-        if (a == after.end()) continue;
-        const auto b = before.find(row);
-        const CommandStat start = b == before.end() ? CommandStat{} : b->second;
-        total += usec ? a->second.usec - start.usec : a->second.calls - start.calls;
-    }
-    return total;
-}
-
 }  // namespace
 
 Measurer::Measurer(Sides& sides, const SyscallCounter& syscalls, RoundOptions options,
@@ -58,6 +44,7 @@ WorkloadResult Measurer::run(Workload& workload) {
     WorkloadResult result;
     result.name = workload.name();
     result.speed_target = workload.speed_target();
+    result.server_target = workload.server_target();
     result.reports_peak = workload.reports_peak();
     result.memory_target = workload.has_memory_target();
     try {
@@ -115,11 +102,8 @@ SideRound Measurer::round(Workload& workload, Side side, std::uint64_t& next_cal
     const std::string begin_mark = "kvmark B " + label;
     const std::string end_mark = "kvmark E " + label;
     const std::uint64_t window_overhead = syscalls_.overhead() + (options_.markers ? 2 : 0);
-    const std::vector<std::string> rows =
-        side == Side::lib ? std::vector<std::string>{"fcall", "fcall_ro"} : workload.raw_commands();
-
     SideRound r;
-    const auto stats_before = command_stats(sides_.admin);
+    const double cpu_before = server_cpu_seconds(sides_.admin);
     const auto deadline =
         Clock::now() + std::chrono::duration_cast<Clock::duration>(
                            std::chrono::duration<double>(options_.seconds));
@@ -148,9 +132,7 @@ SideRound Measurer::round(Workload& workload, Side side, std::uint64_t& next_cal
         if (syscalls_.available()) r.syscalls += sys_after - sys_before - window_overhead;
         r.peak_bytes = std::max(r.peak_bytes, alloc_after.peak_bytes - alloc_before.live_bytes);
     }
-    const auto stats_after = command_stats(sides_.admin);
-    r.server_usec = rows_sum(stats_before, stats_after, rows, true);
-    r.server_commands = rows_sum(stats_before, stats_after, rows, false);
+    r.server_usec = (server_cpu_seconds(sides_.admin) - cpu_before) * 1e6;
     return r;
 }
 

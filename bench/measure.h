@@ -3,9 +3,10 @@
 // A round runs one side alone for a while (or a fixed number of calls) and
 // takes, per call, the time, the allocations, the heap peak and the system
 // calls of that call only, with any set-up the workload needs between calls
-// left outside. The server's own time comes from INFO commandstats deltas
-// around the round: the FCALL row for the library, the rows of the native
-// commands for the raw side.
+// left outside. The server's own time is the CPU time of its main thread
+// (INFO cpu) over the round: everything it did for the calls, reading and
+// parsing their commands, queuing them in a transaction, running them and
+// writing the replies.
 #ifndef KELVANE_BENCH_MEASURE_H
 #define KELVANE_BENCH_MEASURE_H
 
@@ -24,8 +25,7 @@ struct SideRound {
     std::uint64_t allocations = 0;
     std::uint64_t syscalls = 0;
     std::int64_t peak_bytes = 0;      // highest heap growth during one call
-    std::uint64_t server_usec = 0;
-    std::uint64_t server_commands = 0;
+    double server_usec = 0;
 };
 
 struct RoundOptions {
@@ -39,6 +39,7 @@ struct RoundOptions {
 struct WorkloadResult {
     std::string name;
     double speed_target = 0;
+    double server_target = 0;
     bool reports_peak = false;
     bool memory_target = false;
     std::string check_failure;        // "" when both sides returned the same data

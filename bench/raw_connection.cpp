@@ -3,6 +3,7 @@
 #include "raw_connection.h"
 
 #include <algorithm>
+#include <cstring>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -53,26 +54,16 @@ Reply RawConnection::next_reply() {
     return Reply(static_cast<redisReply*>(raw));
 }
 
-std::map<std::string, CommandStat> command_stats(RawConnection& admin) {
-    Reply info = admin.command({"INFO", "commandstats"});
-    std::map<std::string, CommandStat> rows;
-    std::istringstream lines(std::string(info->str, info->len));
-    std::string line;
-    // cmdstat_zadd:calls=3,usec=12,usec_per_call=4.00,rejected_calls=0,failed_calls=0
-    while (std::getline(lines, line)) {
-        constexpr char kPrefix[] = "cmdstat_";
-        if (line.compare(0, sizeof kPrefix - 1, kPrefix) != 0) continue;
-        const size_t colon = line.find(':');
-        if (colon == std::string::npos) continue;
-        CommandStat stat;
-        const size_t calls = line.find("calls=", colon);
-        const size_t usec = line.find("usec=", colon);
-        if (calls == std::string::npos || usec == std::string::npos) continue;
-        stat.calls = std::stoull(line.substr(calls + 6));
-        stat.usec = std::stoull(line.substr(usec + 5));
-        rows[line.substr(sizeof kPrefix - 1, colon - (sizeof kPrefix - 1))] = stat;
+double server_cpu_seconds(RawConnection& admin) {
+    Reply info = admin.command({"INFO", "cpu"});
+    const std::string text(info->str, info->len);
+    double total = 0;
+    for (const char* field : {"used_cpu_sys_main_thread:", "used_cpu_user_main_thread:"}) {
+        const size_t at = text.find(field);
+        if (at == std::string::npos) throw std::runtime_error(std::string("INFO cpu has no ") + field);
+        total += std::stod(text.substr(at + std::strlen(field)));
     }
-    return rows;
+    return total;
 }
 
 std::string dump_sorted_set(RawConnection& admin, const std::string& main_key,

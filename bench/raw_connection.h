@@ -40,13 +40,8 @@ private:
     redisContext* ctx_ = nullptr;
 };
 
-// One row of INFO commandstats.
-struct CommandStat {
-    std::uint64_t calls = 0;
-    std::uint64_t usec = 0;
-};
-// Rows by command name in lower case ("fcall", "zadd").
-std::map<std::string, CommandStat> command_stats(RawConnection& admin);
+// The CPU time the server's main thread has used (INFO cpu), in seconds.
+double server_cpu_seconds(RawConnection& admin);
 
 // The whole content of a sorted set and its values hash as text, members
 // with their exact score texts and values in member order, for comparing

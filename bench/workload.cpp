@@ -5,8 +5,9 @@
 
 namespace kelvane_bench {
 
-Workload::Workload(std::string name, const std::string& tag, double speed_target)
-    : name_(std::move(name)), speed_target_(speed_target) {
+Workload::Workload(std::string name, const std::string& tag, double speed_target,
+                   double server_target)
+    : name_(std::move(name)), speed_target_(speed_target), server_target_(server_target) {
     keys_.lib = "L:" + tag;
     keys_.lib_main = "kv{" + keys_.lib + "}";
     keys_.lib_values = keys_.lib_main + ":v";

@@ -38,18 +38,19 @@ struct WorkloadKeys {
 
 class Workload {
 public:
-    Workload(std::string name, const std::string& tag, double speed_target);
+    // speed_target: the lowest acceptable ratio of library to raw calls per
+    // second; server_target: the most server time per call, as a multiple of
+    // raw's.
+    Workload(std::string name, const std::string& tag, double speed_target,
+             double server_target = 2.0);
     virtual ~Workload() = default;
     Workload(const Workload&) = delete;
     Workload& operator=(const Workload&) = delete;
 
     const std::string& name() const { return name_; }
     const WorkloadKeys& keys() const { return keys_; }
-    // The lowest acceptable ratio of library to raw calls per second.
     double speed_target() const { return speed_target_; }
-
-    // INFO commandstats rows of the native commands one raw call sends.
-    virtual std::vector<std::string> raw_commands() const = 0;
+    double server_target() const { return server_target_; }
     // Range reads report the peak heap of one call; the largest one has a
     // memory target.
     virtual bool reports_peak() const { return false; }
@@ -72,6 +73,7 @@ private:
     std::string name_;
     WorkloadKeys keys_;
     double speed_target_;
+    double server_target_;
 };
 
 // The rows, in the order the table shows them.

@@ -22,7 +22,7 @@ public:
         : Workload(std::string(by_score ? "kv_zrangebyscore " : "kv_zrange ") +
                        std::to_string(count),
                    std::string(by_score ? "zrangebyscore" : "zrange") + std::to_string(count),
-                   count <= 100 ? 0.9 : 0.85),
+                   count <= 100 ? 1.0 : 0.9, 1.3),
           by_score_(by_score),
           count_(count),
           data_(make_data_set(count, true)) {
@@ -31,7 +31,6 @@ public:
         char text[40];
         max_text_.assign(text, static_cast<size_t>(score_text(max_, text, sizeof text)));
     }
-    std::vector<std::string> raw_commands() const override { return {"zrange", "hmget"}; }
     bool reports_peak() const override { return true; }
     bool has_memory_target() const override { return count_ >= 100000; }
     int check_calls() const override { return 1; }

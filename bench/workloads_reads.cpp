@@ -16,7 +16,7 @@ constexpr std::uint64_t kMembers = 1000;
 class PointRead : public Workload {
 public:
     PointRead(const char* name, const char* tag)
-        : Workload(name, tag, 0.9), data_(make_data_set(kMembers, true)) {}
+        : Workload(name, tag, 1.0, 1.3), data_(make_data_set(kMembers, true)) {}
     int check_calls() const override { return kMembers; }
     void prepare(Sides& sides) override {
         clear_both(sides, keys());
@@ -34,7 +34,6 @@ private:
 class Zscore : public PointRead {
 public:
     Zscore() : PointRead("kv_zscore", "zscore") {}
-    std::vector<std::string> raw_commands() const override { return {"zscore", "hget"}; }
 
     std::string call(Sides& sides, Side side, std::uint64_t i, CallResult* out) override {
         const std::string& m = member(i);
@@ -81,7 +80,6 @@ public:
 class Zrank : public PointRead {
 public:
     Zrank() : PointRead("kv_zrank", "zrank") {}
-    std::vector<std::string> raw_commands() const override { return {"zrank"}; }
 
     std::string call(Sides& sides, Side side, std::uint64_t i, CallResult* out) override {
         const std::string& m = member(i);

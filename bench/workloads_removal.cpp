@@ -36,7 +36,6 @@ public:
             }
         }
     }
-    std::vector<std::string> raw_commands() const override { return {"zremrangebyscore"}; }
     int check_calls() const override { return 5; }
     bool compares_end_state() const override { return true; }
     void prepare(Sides& sides) override {

@@ -36,7 +36,6 @@ std::vector<std::string> second_values(std::uint64_t count) {
 class Zadd : public Workload {
 public:
     Zadd() : Workload("kv_zadd", "zadd", 0.9), data_(make_data_set(kCycle, false)) {}
-    std::vector<std::string> raw_commands() const override { return {"zadd"}; }
     int check_calls() const override { return 2 * kCycle; }
     bool compares_end_state() const override { return true; }
     void prepare(Sides& sides) override { clear_both(sides, keys()); }
@@ -72,7 +71,6 @@ public:
         : Workload("kv_zaddval", "zaddval", 0.9),
           data_(make_data_set(kCycle, true)),
           odd_values_(second_values(kCycle)) {}
-    std::vector<std::string> raw_commands() const override { return {"zadd", "hset"}; }
     int check_calls() const override { return 2 * kCycle; }
     bool compares_end_state() const override { return true; }
     void prepare(Sides& sides) override { clear_both(sides, keys()); }
@@ -152,7 +150,6 @@ public:
             }
         }
     }
-    std::vector<std::string> raw_commands() const override { return {"zadd", "hset"}; }
     int check_calls() const override { return 3; }
     bool compares_end_state() const override { return true; }
     void prepare(Sides& sides) override { clear_both(sides, keys()); }
@@ -209,7 +206,6 @@ public:
         char text[kScoreRoom];
         increment_text_.assign(text, static_cast<size_t>(score_text(kIncrement, text, sizeof text)));
     }
-    std::vector<std::string> raw_commands() const override { return {"zincrby"}; }
     int check_calls() const override { return 2 * kCycle; }
     bool compares_end_state() const override { return true; }
     void prepare(Sides& sides) override { clear_both(sides, keys()); }

@@ -3,14 +3,43 @@
 
 #include <charconv>
 #include <cstdio>
+#include <cstring>
 
 #include "secret.h"
 #include "server_keys.h"
 
 namespace kelvane {
+namespace {
+
+// The longest "<kind><n>\r\n" line: a kind, 20 digits, CR and LF.
+constexpr std::size_t kLengthLine = 24;
+
+// Writes "<kind><n>\r\n" at out; the end of it.
+char* write_length_line(char* out, char kind, std::size_t n) {
+    *out++ = kind;
+    out = std::to_chars(out, out + 20, n).ptr;
+    *out++ = '\r';
+    *out++ = '\n';
+    return out;
+}
+
+}  // namespace
+
+char* Request::make_room(std::size_t n) {
+    if (capacity_ - size_ < n) {
+        std::size_t capacity = capacity_ != 0 ? capacity_ : 256;
+        while (capacity - size_ < n) capacity *= 2;
+        std::unique_ptr<char[]> bigger(new char[capacity]);
+        if (size_ != 0) std::memcpy(bigger.get(), buffer_.get(), size_);
+        buffer_ = std::move(bigger);
+        capacity_ = capacity;
+    }
+    return buffer_.get() + size_;
+}
 
 Request& Request::start() {
-    buffer_.assign(kHeaderRoom, ' ');
+    make_room(kHeaderRoom);
+    size_ = kHeaderRoom;
     argc_ = 0;
     count_from_ = count_to_ = key_count_ = values_from_ = values_to_ = main_at_ = main_len_ = 0;
     values_name_at_ = values_name_len_ = 0;
@@ -21,72 +50,78 @@ Request& Request::start() {
 }
 
 void Request::wipe() noexcept {
-    wipe_bytes(buffer_.data(), buffer_.size());
-    buffer_.clear();
-    argc_ = 0;
+    if (buffer_) wipe_bytes(buffer_.get(), capacity_);
+    size_ = argc_ = 0;
 }
 
-namespace {
-
-// "<kind><n>\r\n": an array header ('*') or a bulk string's ('$').
-void append_length_line(std::string& out, char kind, std::size_t n) {
-    char digits[24];
-    const auto end = std::to_chars(digits, digits + sizeof digits, n).ptr;
-    out += kind;
-    out.append(digits, end);
-    out += "\r\n";
+void Request::length_line(char kind, std::size_t n) {
+    char* out = make_room(kLengthLine);
+    size_ = static_cast<std::size_t>(write_length_line(out, kind, n) - buffer_.get());
 }
-
-}  // namespace
 
 Request& Request::command(std::size_t argc) {
     end_values_command();
     commands_ = true;
-    append_length_line(buffer_, '*', argc);
+    length_line('*', argc);
     return *this;
 }
 
 Request& Request::values_command(std::size_t argc) {
     end_values_command();
-    dropped_.emplace_back(buffer_.size(), buffer_.size());
+    dropped_.emplace_back(size_, size_);
     open_values_ = true;
     return command(argc);
 }
 
 void Request::end_values_command() {
     if (!open_values_) return;
-    dropped_.back().second = buffer_.size();
+    dropped_.back().second = size_;
     open_values_ = false;
 }
 
 void Request::bulk_header(std::size_t len) {
-    append_length_line(buffer_, '$', len);
+    length_line('$', len);
     ++argc_;
 }
 
 Request& Request::arg(std::string_view bytes) {
-    bulk_header(bytes.size());
-    buffer_.append(bytes);
-    buffer_ += "\r\n";
+    char* out = make_room(kLengthLine + bytes.size() + 2);
+    out = write_length_line(out, '$', bytes.size());
+    if (!bytes.empty()) std::memcpy(out, bytes.data(), bytes.size());
+    out += bytes.size();
+    *out++ = '\r';
+    *out++ = '\n';
+    size_ = static_cast<std::size_t>(out - buffer_.get());
+    ++argc_;
     return *this;
 }
 
 Request& Request::arg_joined(std::string_view a, std::string_view b, std::string_view c) {
-    bulk_header(a.size() + b.size() + c.size());
-    buffer_.append(a).append(b).append(c);
-    buffer_ += "\r\n";
+    const std::size_t len = a.size() + b.size() + c.size();
+    char* out = make_room(kLengthLine + len + 2);
+    out = write_length_line(out, '$', len);
+    for (const std::string_view piece : {a, b, c}) {
+        if (!piece.empty()) std::memcpy(out, piece.data(), piece.size());
+        out += piece.size();
+    }
+    *out++ = '\r';
+    *out++ = '\n';
+    size_ = static_cast<std::size_t>(out - buffer_.get());
+    ++argc_;
     return *this;
 }
 
 Request& Request::then_ping(std::string_view tag) {
     end_values_command();
-    char digits[24];
-    const auto end = std::to_chars(digits, digits + sizeof digits, tag.size()).ptr;
-    buffer_ += "*2\r\n$4\r\nPING\r\n$";
-    buffer_.append(digits, end);
-    buffer_ += "\r\n";
-    buffer_.append(tag);
-    buffer_ += "\r\n";
+    constexpr std::string_view kPing = "*2\r\n$4\r\nPING\r\n";
+    char* out = make_room(kPing.size() + kLengthLine + tag.size() + 2);
+    std::memcpy(out, kPing.data(), kPing.size());
+    out = write_length_line(out + kPing.size(), '$', tag.size());
+    std::memcpy(out, tag.data(), tag.size());
+    out += tag.size();
+    *out++ = '\r';
+    *out++ = '\n';
+    size_ = static_cast<std::size_t>(out - buffer_.get());
     return *this;
 }
 
@@ -103,13 +138,18 @@ Request& Request::integer(long long value) {
 }
 
 Request& Request::server_key(const char* key, std::size_t key_len, std::string_view suffix) {
-    const std::size_t from = buffer_.size();
+    const std::size_t from = size_;
     const std::size_t len = server_key_length(key, key_len) + suffix.size();
-    bulk_header(len);
-    const std::size_t name_at = buffer_.size();
-    append_server_key(buffer_, key, key_len);
-    buffer_.append(suffix);
-    buffer_ += "\r\n";
+    char* out = make_room(kLengthLine + len + 2);
+    out = write_length_line(out, '$', len);
+    const std::size_t name_at = static_cast<std::size_t>(out - buffer_.get());
+    out = write_server_key(out, key, key_len);
+    if (!suffix.empty()) std::memcpy(out, suffix.data(), suffix.size());
+    out += suffix.size();
+    *out++ = '\r';
+    *out++ = '\n';
+    size_ = static_cast<std::size_t>(out - buffer_.get());
+    ++argc_;
     if (suffix == kValuesSuffix) {
         values_name_at_ = name_at;
         values_name_len_ = len;
@@ -117,7 +157,7 @@ Request& Request::server_key(const char* key, std::size_t key_len, std::string_v
         // leaves out; in a run of commands, the commands that name it go.
         if (!commands_ && main_len_ != 0) {
             values_from_ = from;
-            values_to_ = buffer_.size();
+            values_to_ = size_;
         }
     } else if (suffix.empty() && main_len_ == 0) {
         main_at_ = name_at;
@@ -127,58 +167,56 @@ Request& Request::server_key(const char* key, std::size_t key_len, std::string_v
 }
 
 Request& Request::key_count(std::size_t n) {
-    count_from_ = buffer_.size();
+    count_from_ = size_;
     integer(static_cast<long long>(n));
-    count_to_ = buffer_.size();
+    count_to_ = size_;
     key_count_ = n;
     return *this;
 }
 
 std::string_view Request::values_key() const {
-    return std::string_view(buffer_).substr(values_name_at_, values_name_len_);
+    return view().substr(values_name_at_, values_name_len_);
 }
 
 std::string_view Request::main_key_only() {
     std::string& out = main_key_only_;
     out.clear();
+    const std::string_view all = view();
     if (commands_) {
         end_values_command();
         std::size_t at = kHeaderRoom;
         for (const auto& [from, to] : dropped_) {
-            out.append(buffer_, at, from - at);
+            out.append(all.substr(at, from - at));
             at = to;
         }
-        out.append(buffer_, at, std::string::npos);
+        out.append(all.substr(at));
         return out;
     }
-    append_length_line(out, '*', argc_ - 1);
+    char line[kLengthLine];
+    out.append(line, write_length_line(line, '*', argc_ - 1));
     std::size_t at = kHeaderRoom;
     if (count_to_ != 0) {
-        out.append(buffer_, at, count_from_ - at);
+        out.append(all.substr(at, count_from_ - at));
         const std::string count = std::to_string(key_count_ - 1);
-        append_length_line(out, '$', count.size());
+        out.append(line, write_length_line(line, '$', count.size()));
         out.append(count).append("\r\n");
         at = count_to_;
     }
-    out.append(buffer_, at, values_from_ - at);
-    out.append(buffer_, values_to_, std::string::npos);
+    out.append(all.substr(at, values_from_ - at));
+    out.append(all.substr(values_to_));
     return out;
 }
 
 std::string_view Request::bytes() {
     if (commands_) {
         end_values_command();
-        return std::string_view(buffer_).substr(kHeaderRoom);
+        return view().substr(kHeaderRoom);
     }
     char header[kHeaderRoom];
-    header[0] = '*';
-    char* end = std::to_chars(header + 1, header + sizeof header - 2, argc_).ptr;
-    *end++ = '\r';
-    *end++ = '\n';
-    const auto header_len = static_cast<std::size_t>(end - header);
+    const auto header_len = static_cast<std::size_t>(write_length_line(header, '*', argc_) - header);
     const std::size_t from = kHeaderRoom - header_len;
-    buffer_.replace(from, header_len, header, header_len);
-    return std::string_view(buffer_).substr(from);
+    std::memcpy(buffer_.get() + from, header, header_len);
+    return view().substr(from);
 }
 
 }  // namespace kelvane

@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -29,7 +30,7 @@ public:
     // read needs without it (main_key_only() leaves it out whole).
     Request& values_command(std::size_t argc);
     // Makes room for bytes of arguments, so that writing them moves nothing.
-    void reserve(std::size_t bytes) { buffer_.reserve(kHeaderRoom + bytes); }
+    void reserve(std::size_t bytes) { make_room(kHeaderRoom + bytes); }
     // Overwrites the command (one that held a secret) and drops it.
     void wipe() noexcept;
 
@@ -73,19 +74,27 @@ public:
     // without its values commands. The names of both keys, for finding that
     // out, and that form, valid until the next start().
     bool names_values_key() const { return values_from_ != 0 || !dropped_.empty(); }
-    std::string_view main_key() const { return std::string_view(buffer_).substr(main_at_, main_len_); }
+    std::string_view main_key() const { return view().substr(main_at_, main_len_); }
     std::string_view values_key() const;
     std::string_view main_key_only();
 
 private:
+    // Room for n more bytes; the end of what is written.
+    char* make_room(std::size_t n);
+    // Writes "<kind><n>\r\n" (an array's or a bulk string's header).
+    void length_line(char kind, std::size_t n);
     void bulk_header(std::size_t len);
     // Closes the values command under way, if any.
     void end_values_command();
+    std::string_view view() const { return std::string_view(buffer_.get(), size_); }
 
     // Arguments are written after a gap at the front; bytes() fills the
     // end of the gap with the "*<argc>" header once the count is known.
+    // The buffer is written byte by byte, without the bookkeeping of a
+    // string on every small append: a call writes dozens of them.
     static constexpr std::size_t kHeaderRoom = 24;
-    std::string buffer_;
+    std::unique_ptr<char[]> buffer_;
+    std::size_t size_ = 0, capacity_ = 0;
     std::size_t argc_ = 0;
     // Where the key count and the values key lie in buffer_, each as a whole
     // argument (its "$" header to its "\r\n"), and the main key's name; 0:

@@ -2,6 +2,8 @@
 // the slot the cluster computes for them, without building the names.
 #include "server_keys.h"
 
+#include <cstring>
+
 #include "slot.h"
 
 namespace kelvane {
@@ -41,10 +43,15 @@ std::size_t server_key_length(const char* key, std::size_t key_len) {
     return len;
 }
 
-void append_server_key(std::string& out, const char* key, std::size_t key_len) {
-    out += "kv{";
-    encode(key, key_len, [&](const char* bytes, std::size_t n) { out.append(bytes, n); });
-    out += '}';
+char* write_server_key(char* out, const char* key, std::size_t key_len) {
+    std::memcpy(out, "kv{", 3);
+    out += 3;
+    encode(key, key_len, [&](const char* bytes, std::size_t n) {
+        std::memcpy(out, bytes, n);
+        out += n;
+    });
+    *out++ = '}';
+    return out;
 }
 
 uint16_t key_slot(const char* key, std::size_t key_len) {

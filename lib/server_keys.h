@@ -20,8 +20,8 @@ inline constexpr char kValuesSuffix[] = ":v";
 // Length of "kv{E}" for key K.
 std::size_t server_key_length(const char* key, std::size_t key_len);
 
-// Appends "kv{E}" to out.
-void append_server_key(std::string& out, const char* key, std::size_t key_len);
+// Writes "kv{E}" at out (server_key_length() bytes); the end of it.
+char* write_server_key(char* out, const char* key, std::size_t key_len);
 
 // The cluster slot of both server keys of K: CRC16 of E, modulo 16384.
 uint16_t key_slot(const char* key, std::size_t key_len);
