@@ -15,6 +15,7 @@
 #include "reply_sink.h"
 #include "request.h"
 #include "router.h"
+#include "values_sizes.h"
 
 namespace kelvane {
 
@@ -64,6 +65,7 @@ struct kv_client {
     kelvane::Request request;
     std::string last_error;
     kelvane::Clock::duration bound;  // connect_attempts × connect timeout + command timeout
+    kelvane::ValuesSizes values_sizes;  // hints for the range reads with values
     kelvane::Deadline deadline = kelvane::Deadline::after({});  // of the call under way
 
 private:

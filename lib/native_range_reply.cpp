@@ -14,7 +14,8 @@ namespace {
 constexpr std::size_t kNone = static_cast<std::size_t>(-1);
 
 bool is_values_part(RangePart part) {
-    return part == RangePart::values_list || part == RangePart::values_table;
+    return part == RangePart::values_list || part == RangePart::values_table ||
+           part == RangePart::values_count;
 }
 
 }  // namespace
@@ -58,6 +59,10 @@ bool NativeRangeReply::take_reply(std::size_t k, const ReplyPosition& at, const 
             if (at.depth != 0 || e.kind != Element::Kind::integer) return false;
             exists_ = e.integer != 0;
             return true;
+        case RangePart::values_count:
+            if (at.depth != 0 || e.kind != Element::Kind::integer || e.integer < 0) return false;
+            values_count_ = static_cast<std::size_t>(e.integer);
+            return true;
         case RangePart::items:
             return take_items(at, e);
         default:
@@ -92,6 +97,7 @@ bool NativeRangeReply::take_values(RangePart part, const ReplyPosition& at, cons
         if (part == RangePart::values_list ? e.count != result_.size() : e.count % 2 != 0) {
             return false;
         }
+        if (part == RangePart::values_table) values_count_ = e.count / 2;
         result_.open_values();
         return true;
     }
@@ -116,21 +122,27 @@ bool NativeRangeReply::take_values(RangePart part, const ReplyPosition& at, cons
 std::size_t NativeRangeReply::find_member(std::string_view name) {
     const std::size_t n = result_.size();
     if (n == 0 || result_.no_memory()) return kNone;
+    // Open addressing over twice as many slots as members, a power of two;
+    // a slot holds the member's number + 1 (0: empty) and the high half of
+    // its name's hash, so that a probe reads a member's bytes only when the
+    // hashes agree.
     const std::hash<std::string_view> hash;
     if (index_.empty()) {
-        // Twice as many slots as members, a power of two.
         std::size_t slots = 2;
         while (slots < 2 * n) slots *= 2;
         index_.assign(slots, 0);
         for (std::size_t m = 0; m < n; ++m) {
-            std::size_t at = hash(result_.member(m)) & (slots - 1);
+            const uint64_t h = hash(result_.member(m));
+            std::size_t at = h & (slots - 1);
             while (index_[at] != 0) at = (at + 1) & (slots - 1);
-            index_[at] = static_cast<uint32_t>(m + 1);
+            index_[at] = (h & 0xffffffff00000000u) | (m + 1);
         }
     }
     const std::size_t mask = index_.size() - 1;
-    for (std::size_t at = hash(name) & mask; index_[at] != 0; at = (at + 1) & mask) {
-        const std::size_t m = index_[at] - 1;
+    const uint64_t h = hash(name);
+    for (std::size_t at = h & mask; index_[at] != 0; at = (at + 1) & mask) {
+        if ((index_[at] ^ h) >> 32 != 0) continue;
+        const std::size_t m = (index_[at] & 0xffffffffu) - 1;
         if (result_.member(m) == name) return m;
     }
     return kNone;
@@ -143,6 +155,7 @@ void NativeRangeReply::clear_replies() {
         result_.clear_values();
     }
     items_wrong_type_ = values_wrong_type_ = exists_ = false;
+    values_count_.reset();
     pending_ = kNone;
     index_.clear();
 }

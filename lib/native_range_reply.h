@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <optional>
 #include <vector>
 
 #include "range_builder.h"
@@ -28,6 +29,7 @@ enum class RangePart : uint8_t {
     values_list,   // HMGET of the members, after ZRANGE's reply
     values_table,  // HGETALL, after ZRANGE's reply
     exists,        // EXISTS of the main key
+    values_count,  // HLEN of the values hash
 };
 
 class NativeRangeReply final : public TransactionReply {
@@ -47,6 +49,8 @@ public:
     bool values_wrong_type() const { return values_wrong_type_; }
     // What EXISTS said (false when it was not asked).
     bool key_exists() const { return exists_; }
+    // How many values the values hash holds, as HGETALL or HLEN said.
+    std::optional<std::size_t> values_count() const { return values_count_; }
 
 private:
     bool take_reply(std::size_t k, const ReplyPosition& at, const Element& e) override;
@@ -64,8 +68,9 @@ private:
     std::array<RangePart, kMaxCommands> parts_{};
     bool has_items_ = false;
     bool items_wrong_type_ = false, values_wrong_type_ = false, exists_ = false;
+    std::optional<std::size_t> values_count_;
     std::size_t pending_ = 0;  // in HGETALL's reply: the member whose value comes next
-    std::vector<uint32_t> index_;  // open addressing: member number + 1, 0 for none
+    std::vector<uint64_t> index_;  // find_member()'s, made on first use
 };
 
 }  // namespace kelvane

@@ -7,16 +7,20 @@
 // gets a null one.
 //
 // Three paths, by what the read needs:
-// - without values: ZRANGE alone, and on an empty range once more in a
-//   transaction with EXISTS;
-// - with values, of the whole set: one transaction of ZRANGE, HGETALL of the
-//   values hash (joined to the members in the client) and EXISTS;
-// - with values, of part of the set: WATCH both keys and ZRANGE, then
-//   HMGET of just those members in a transaction that runs only if neither
-//   key changed since the WATCH; read again if one did. Two round trips, as
-//   a hiredis program needs for the same read, and nothing passes through
-//   Lua. After two conflicts, or while the key's slot migrates, the read
-//   takes the whole-set path's transaction, which fits any range.
+// - without values: ZRANGE alone, and on an empty range once more with
+//   EXISTS, atomically;
+// - with values from a small values hash: ZRANGE, HGETALL of the values
+//   hash (joined to the members in the client) and EXISTS, atomically, in
+//   one round trip;
+// - with values from a large one: WATCH both keys, ZRANGE and HLEN; then
+//   HMGET of just those members and an empty MULTI/EXEC that answers only
+//   if neither key changed since the WATCH; read again if one did. Two round
+//   trips, as a hiredis program needs for the same read. After two
+//   conflicts, or while the key's slot migrates, the read takes the first
+//   path, which fits any range.
+// Whether a values hash is small is what the client's last read of the key
+// saw (values_sizes.h); unknown, a read of the whole set takes it as small,
+// and a read of a part as large. Nothing passes through Lua.
 #include <cmath>
 #include <limits>
 
@@ -29,6 +33,12 @@ namespace kelvane::native {
 namespace {
 
 constexpr int kWatchedAttempts = 2;
+
+// The most values a hash may hold for a range read to fetch it whole: past
+// a few thousand, joining them to the members costs more than the round
+// trip that asks for just the members' values (measured with the members'
+// values held in hashes of 1,000 to 100,000).
+constexpr std::size_t kSmallValues = 4096;
 
 // Appends sel's ZRANGE to r.
 void add_zrange(Request& r, const char* key, std::size_t key_len, const Selection& sel,
@@ -100,6 +110,7 @@ int32_t with_values_table(kv_client* client, const char* key, std::size_t key_le
         int32_t status = client->run_command(key, key_len, reply);
         if (attempts.again(envelope, reply, &status)) continue;
         if (status != KV_SUCCESS) return status;
+        if (reply.values_count()) client->values_sizes.note(ValuesSizes::key_hash({key, key_len}), *reply.values_count());
         result.open_values();  // members without values, where no values hash was read
         return settle(reply, result);
     }
@@ -142,11 +153,13 @@ int32_t with_values_watched(kv_client* client, const char* key, std::size_t key_
         Request& r = client->request.start();
         open_envelope(r, kOpen, key, key_len);
         add_zrange(r, key, key_len, sel, reverse, result.with_scores());
-        NativeRangeReply first(result, {RangePart::items}, kOpen);
+        r.values_command(2).arg("HLEN").server_key(key, key_len, kValuesSuffix);
+        NativeRangeReply first(result, {RangePart::items, RangePart::values_count}, kOpen);
         int32_t status = client->run_command(key, key_len, first);
         watch.set();  // if the connection is gone, so is the WATCH
         if (status == kKeyMoving) break;
         if (status != KV_SUCCESS) return status;
+        if (first.values_count()) client->values_sizes.note(ValuesSizes::key_hash({key, key_len}), *first.values_count());
         if (first.items_wrong_type()) return KV_WRONG_REPLY;
         if (result.no_memory()) return KV_NO_MEMORY;
 
@@ -192,10 +205,11 @@ int32_t range(kv_client* client, const char* key, std::size_t key_len, const Sel
     int32_t status = KV_SUCCESS;
     if (!result.with_values()) {
         status = without_values(client, key, key_len, sel, reverse, result);
-    } else if (whole_set(sel)) {
-        status = with_values_table(client, key, key_len, sel, reverse, result);
     } else {
-        status = with_values_watched(client, key, key_len, sel, reverse, result);
+        const auto seen = client->values_sizes.find(ValuesSizes::key_hash({key, key_len}));
+        const bool small = seen ? *seen <= kSmallValues : whole_set(sel);
+        status = small ? with_values_table(client, key, key_len, sel, reverse, result)
+                       : with_values_watched(client, key, key_len, sel, reverse, result);
     }
     if (status == KV_SUCCESS) result.hand_out(out);
     return status;
