@@ -1,7 +1,7 @@
 // The client runs only its own server functions: a library under its name with other code, or a foreign library
-// that already holds one of its function names, answers KV_LIBRARY_MISMATCH and none of that code runs; another
-// version of the library on the same server is left alone and both work side by side. (A FUNCTION FLUSH while
-// connected is covered by the transport tests.)
+// that already holds one of its function names, answers KV_LIBRARY_MISMATCH and none of that code runs (reads,
+// which need no function, read the data); another version of the library on the same server is left alone and
+// both work side by side. (A FUNCTION FLUSH while connected is covered by the transport tests.)
 #include <algorithm>
 #include <sstream>
 
@@ -57,8 +57,9 @@ TEST_F(LibraryIdentity, OtherCodeOrAForeignHolderOfOurNamesIsRefusedAnotherVersi
         kv_client* c = another(other.port(), &added);  // registration may already see the mismatch
         EXPECT_TRUE(added == KV_SUCCESS || added == status) << added;
         EXPECT_EQ(kv_zaddval(c, "k", 1, 1, "m", 1, "v", 1, 0), status);
-        EXPECT_EQ(zscore_status(c, "k", "m"), status);
-        EXPECT_EQ(range("k", 0, -1, c).status, status);
+        const int32_t read = status == KV_SUCCESS ? KV_SUCCESS : KV_NOTFOUND;  // the write's key, or none
+        EXPECT_EQ(zscore_status(c, "k", "m"), read);
+        EXPECT_EQ(range("k", 0, -1, c).status, read);
         EXPECT_EQ(kv_zrem(c, "k", 1, "m", 1), status);
         EXPECT_EQ(other.command({"DBSIZE"}), "0") << "the library found ran, or a refused call wrote";
         EXPECT_TRUE(code_of(other, library) == before) << "the library found was replaced";
