@@ -120,7 +120,8 @@ bool TransactionReply::deliver_exec(const ReplyPosition& at, const Element& e) {
     if (multi_failed_) return false;
     if (at.depth == 0) {
         if (queued_ != sent_) return false;  // a refused transaction never runs
-        if (e.kind == Element::Kind::nil) {
+        // nil: a watched key changed; but only a WATCH makes one.
+        if (e.kind == Element::Kind::nil && envelope_.watch) {
             watch_failed_ = true;
             return true;
         }

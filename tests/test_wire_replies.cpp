@@ -2,6 +2,8 @@
 // (answered twice, or sent while no command waits), replies of the wrong shape, bytes after a reply, counts that the
 // bytes do not back, a greeting that announces two billion elements, and scores that are no numbers. No call may
 // hand out data that is not its own reply's; a connection out of step is dropped and the next call opens another.
+// The reads here take the server functions (KELVANE_READS=functions), whose replies these scripts play; the native
+// reads' transactions meet the same faults in test_wire_transactions.cpp.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -61,7 +63,9 @@ protected:
 
     // A client of the fake server with settings 1, 1 and 1: every call ends within 2 s.
     kv_client* client_of(const FakeServer& server, int32_t expected = KV_SUCCESS) {
+        setenv("KELVANE_READS", "functions", 1);
         kv_client* c = kv_client_create(1, 1, mm_, 1);
+        unsetenv("KELVANE_READS");
         clients_.push_back(c);
         EXPECT_EQ(kv_server_add(c, "127.0.0.1", server.port(), nullptr), expected);
         return c;
