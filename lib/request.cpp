@@ -67,10 +67,13 @@ Request& Request::command(std::size_t argc) {
 }
 
 Request& Request::values_command(std::size_t argc) {
-    end_values_command();
-    dropped_.emplace_back(size_, size_);
+    command(argc);
+    // The span starts at the command's own header, just written.
+    char line[kLengthLine];
+    const auto header = static_cast<std::size_t>(write_length_line(line, '*', argc) - line);
+    dropped_.emplace_back(size_ - header, size_);
     open_values_ = true;
-    return command(argc);
+    return *this;
 }
 
 void Request::end_values_command() {
