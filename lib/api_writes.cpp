@@ -10,7 +10,9 @@ using kelvane::PointReply;
 namespace {
 
 // kv_zadd and its three relatives share one server function:
-// ttl, commit, with_values, then score, member[, value] for each member.
+// ttl, commit, with_values, then score, member for each member, and with
+// values then member, value for each: the lists ZADD and HSET take, which the
+// function passes on without building them.
 int32_t add_members(kv_client* client, const char* key, size_t key_len, const double* scores,
                     const char* const* members, uint32_t count, const size_t* members_len,
                     const char* const* values, const size_t* values_len, int32_t ttl) {
@@ -28,9 +30,9 @@ int32_t add_members(kv_client* client, const char* key, size_t key_len, const do
     }
     kelvane::Request& request = kelvane::function_call(client, "zadd", key, key_len);
     kelvane::add_ttl(request, ttl).flag(with_values);
-    for (uint32_t i = 0; i < count; ++i) {
-        request.score(scores[i]).arg(members[i], members_len[i]);
-        if (with_values) request.arg(values[i], values_len[i]);
+    for (uint32_t i = 0; i < count; ++i) request.score(scores[i]).arg(members[i], members_len[i]);
+    if (with_values) {
+        for (uint32_t i = 0; i < count; ++i) request.arg(members[i], members_len[i]).arg(values[i], values_len[i]);
     }
     PointReply reply(kelvane::kStatusOnly);
     return kelvane::call_function(client, key, key_len, reply);

@@ -64,14 +64,14 @@ local function sliced(command, key, list, first, last)
   return total
 end
 
--- Whether an add of n members (names at list[first], one every step, maybe
--- repeated) to a set that existed met one already there: ZADD then added
--- fewer than the distinct names.
-local function met_existing(added, n, list, first, step)
+-- Whether an add of n members (names at list[first..last], one every step,
+-- maybe repeated) to a set that existed met one already there: ZADD then
+-- added fewer than the distinct names.
+local function met_existing(added, n, list, first, last, step)
   if added == n then return false end
   if added == 0 then return true end
   local seen, distinct = {}, 0
-  for i = first, #list, step do
+  for i = first, last, step do
     if not seen[list[i]] then
       seen[list[i]], distinct = true, distinct + 1
     end

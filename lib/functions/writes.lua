@@ -28,7 +28,7 @@ local function zadd_plain(main, vals, args)
   -- ZADD never removes, so the set existed unless it holds just what came.
   if added == 0 or redis.call('ZCARD', main) > added then
     if commit then apply_ttl(main, vals, true, args, state) end
-    return { met_existing(added, (last - 3) / 2, args, 5, 2) and ALREADY_EXISTS or SUCCESS }
+    return { met_existing(added, (last - 3) / 2, args, 5, last, 2) and ALREADY_EXISTS or SUCCESS }
   end
   if not clear_left_values(vals, state) then
     -- The set is this call's own: deleting it leaves the key as it was.
@@ -39,41 +39,40 @@ local function zadd_plain(main, vals, args)
   return { SUCCESS }
 end
 
--- kv_zaddval and kv_zmaddval: ttl, commit, "1", then score, member, value
--- per member. The values go first: HSET checks the hash's kind before
--- either key is written.
+-- kv_zaddval and kv_zmaddval: ttl, commit, "1", then score, member for each
+-- member, then member, value for each: the argument lists of ZADD and HSET
+-- as they are, so that a batch builds no table here. The values go first:
+-- HSET checks the hash's kind before either key is written.
 local function zadd_values(main, vals, args)
   local card = redis.pcall('ZCARD', main)
   if type(card) ~= 'number' then return refused(card) end
   if not vals then return values_elsewhere() end
   if card == 0 and not clear_left_values(vals) then return { WRONG_REPLY } end
-  local last, made, added = #args, nil, nil
-  if last == 6 then
-    made = redis.pcall('HSET', vals, args[5], args[6])
+  local last = #args
+  local n = (last - 3) / 4
+  local scored_last = 3 + 2 * n
+  local made, added
+  if n == 1 then
+    made = redis.pcall('HSET', vals, args[6], args[7])
     if type(made) ~= 'number' then return refused(made) end
     added = redis.call('ZADD', main, args[4], args[5])
   else
-    local scored, fields, k = {}, {}, 0
-    for i = 4, last, 3 do
-      scored[k + 1], scored[k + 2] = args[i], args[i + 1]
-      fields[k + 1], fields[k + 2] = args[i + 1], args[i + 2]
-      k = k + 2
-    end
-    made = sliced('HSET', vals, fields, 1, k)
+    made = sliced('HSET', vals, args, scored_last + 1, last)
     if type(made) ~= 'number' then return refused(made) end
-    added = sliced('ZADD', main, scored, 1, k)
+    added = sliced('ZADD', main, args, 4, scored_last)
   end
   local existed = card > 0
   -- New fields may mean a new hash, which must take the set's expiry.
   if made > 0 or not existed or args[2] == '1' then
     apply_ttl(main, vals, existed, args, made > 0 and VALUES_MADE or VALUES_KEPT)
   end
-  if existed and met_existing(added, (last - 3) / 3, args, 5, 3) then return { ALREADY_EXISTS } end
+  if existed and met_existing(added, n, args, 5, scored_last, 2) then return { ALREADY_EXISTS } end
   return { SUCCESS }
 end
 
 -- kv_zadd, kv_zaddval, kv_zmadd, kv_zmaddval:
--- ttl, commit, with_values ("1"/"0"), then per member: score, member[, value].
+-- ttl, commit, with_values ("1"/"0"), then per member: score, member, and
+-- with values, then per member: member, value.
 -- A member that existed before the call makes the status ALREADY_EXISTS; it
 -- keeps its value unless the call gives one.
 local function zadd(keys, args)
