@@ -44,8 +44,9 @@ int32_t read_range(kv_client* client, const char* key, size_t key_len, const Sel
         return KV_INVALID_PARAMETER;
     }
     if (sel.limited && sel.offset < 0) return KV_INVALID_PARAMETER;
-    if (client->native_reads()) {
-        return kelvane::native::range(client, key, key_len, sel, (flags & ZSET_REVERSE) != 0, suffix, out);
+    const bool reverse = (flags & ZSET_REVERSE) != 0;
+    if (!client->uses_function_for(sel, out.values != nullptr)) {
+        return kelvane::native::range(client, key, key_len, sel, reverse, suffix, out);
     }
     kelvane::Request& request = kelvane::function_call(client, "zrange", key, key_len);
     request.flag(sel.by_score);
@@ -54,7 +55,7 @@ int32_t read_range(kv_client* client, const char* key, size_t key_len, const Sel
     } else {
         request.integer(sel.start).integer(sel.stop);
     }
-    request.flag((flags & ZSET_REVERSE) != 0)
+    request.flag(reverse)
         .flag(out.scores != nullptr)
         .flag(out.values != nullptr);
     if (sel.limited) {
@@ -64,6 +65,9 @@ int32_t read_range(kv_client* client, const char* key, size_t key_len, const Sel
     }
     kelvane::RangeReply reply(client->mm, suffix, out.scores != nullptr, out.values != nullptr);
     int32_t status = client->run_function(key, key_len, reply);
+    if (client->functions_refused(status)) {
+        return kelvane::native::range(client, key, key_len, sel, reverse, suffix, out);
+    }
     if (status != KV_SUCCESS) return status;
     status = reply.status();
     if (status == KV_SUCCESS) reply.hand_out(out);

@@ -1,6 +1,7 @@
 // client.cpp -- one call's way from the client to the router, with its tag.
 #include "client.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
@@ -44,6 +45,27 @@ int32_t kv_client::run_pinned(kelvane::ReplySink& sink) {
     request.then_ping(tag);
     sink.expect_tag(tag, kelvane::TagPlace::own_reply);
     return router.run_pinned(request, sink, deadline);
+}
+
+bool kv_client::uses_function_for(const kelvane::Selection& sel, bool with_values) const {
+    if (reads == kelvane::ReadPath::functions) return true;
+    if (reads == kelvane::ReadPath::native || !with_values || functions_refused_) return false;
+    // How many members the read can hold at most, where its arguments say.
+    constexpr long long kFew = 64;
+    long long most = kFew + 1;
+    if (!sel.by_score && (sel.start >= 0) == (sel.stop >= 0)) {
+        most = std::max<long long>(0, static_cast<long long>(sel.stop) - sel.start + 1);
+    } else if (sel.by_score && sel.limited && sel.count >= 0) {
+        most = sel.count;
+    }
+    return most <= kFew;
+}
+
+bool kv_client::functions_refused(int32_t status) {
+    if (reads != kelvane::ReadPath::automatic) return false;
+    if (status != KV_NOT_PERMITTED && status != KV_LIBRARY_MISMATCH && status != KV_SERVER_FULL) return false;
+    functions_refused_ = true;
+    return true;
 }
 
 void kv_client::finish_call(int32_t status) {

@@ -12,6 +12,7 @@
 
 #include "deadline.h"
 #include "kelvane.h"
+#include "range_selection.h"
 #include "reply_sink.h"
 #include "request.h"
 #include "router.h"
@@ -57,6 +58,16 @@ struct kv_client {
 
     // Whether reads go on native commands rather than the server functions.
     bool native_reads() const { return reads != kelvane::ReadPath::functions; }
+    // Whether a range read of sel takes the server function: always on the
+    // functions' path; on auto, a read of a few members with their values,
+    // which the function answers in one round trip where native commands
+    // take two, unless functions turned out not to run for this client.
+    bool uses_function_for(const kelvane::Selection& sel, bool with_values) const;
+    // After a function call on the auto path answered status: whether the
+    // server would not run it (its access rules, another library under our
+    // name, no room to load ours), in which case the read goes native, now
+    // and from then on.
+    bool functions_refused(int32_t status);
 
     kv_mm* mm;
     kelvane::ReadPath reads;
@@ -76,6 +87,7 @@ private:
 
     uint64_t calls_ = 0;
     char tag_[24];
+    bool functions_refused_ = false;
 };
 
 #endif  // KELVANE_CLIENT_H

@@ -9,9 +9,9 @@
 // Three paths, by what the read needs:
 // - without values: ZRANGE alone, and on an empty range once more with
 //   EXISTS, atomically;
-// - with values from a small values hash: ZRANGE, HGETALL of the values
-//   hash (joined to the members in the client) and EXISTS, atomically, in
-//   one round trip;
+// - with values from a small values hash (or of a whole set whose hash is
+//   not large): ZRANGE, HGETALL of the values hash (joined to the members in
+//   the client) and EXISTS, atomically, in one round trip;
 // - with values from a large one: WATCH both keys, ZRANGE and HLEN; then
 //   HMGET of just those members and an empty MULTI/EXEC that answers only
 //   if neither key changed since the WATCH; read again if one did. Two round
@@ -20,7 +20,9 @@
 //   path, which fits any range.
 // Whether a values hash is small is what the client's last read of the key
 // saw (values_sizes.h); unknown, a read of the whole set takes it as small,
-// and a read of a part as large. Nothing passes through Lua.
+// and a read of a part as large. Nothing passes through Lua. (On the auto
+// path a read of a few members with values takes the server function
+// instead, which answers it in one round trip: client.h.)
 #include <cmath>
 #include <limits>
 
@@ -34,11 +36,14 @@ namespace {
 
 constexpr int kWatchedAttempts = 2;
 
-// The most values a hash may hold for a range read to fetch it whole: past
-// a few thousand, joining them to the members costs more than the round
-// trip that asks for just the members' values (measured with the members'
-// values held in hashes of 1,000 to 100,000).
+// The most values a hash may hold for a read of the whole set to fetch it
+// whole: past a few thousand, joining them to the members costs more than
+// the round trip that asks for just the members' values (measured with hashes
+// of 1,000 to 100,000 values). A read of a part fetches it whole only while
+// it is as small as Redis keeps it in one compact block (128 fields), where
+// fetching it all costs about what asking for some of it does.
 constexpr std::size_t kSmallValues = 4096;
+constexpr std::size_t kCompactValues = 128;
 
 // Appends sel's ZRANGE to r.
 void add_zrange(Request& r, const char* key, std::size_t key_len, const Selection& sel,
@@ -207,7 +212,7 @@ int32_t range(kv_client* client, const char* key, std::size_t key_len, const Sel
         status = without_values(client, key, key_len, sel, reverse, result);
     } else {
         const auto seen = client->values_sizes.find(ValuesSizes::key_hash({key, key_len}));
-        const bool small = seen ? *seen <= kSmallValues : whole_set(sel);
+        const bool small = whole_set(sel) ? !seen || *seen <= kSmallValues : seen && *seen <= kCompactValues;
         status = small ? with_values_table(client, key, key_len, sel, reverse, result)
                        : with_values_watched(client, key, key_len, sel, reverse, result);
     }

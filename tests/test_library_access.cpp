@@ -127,6 +127,7 @@ TEST_F(Access, UserWhoMayNotCallFunctionsReadsEverythingAndChangesNothing) {
                   }).values,
                   (Values{"v"}));
         EXPECT_EQ(range("k", 0, -1, c).values, (Values{"v", std::nullopt}));
+        EXPECT_EQ(range("k", 0, 0, c).values, (Values{"v"}));  // a few members: the function, refused, then native
         EXPECT_EQ(range("none", 0, -1, c).status, KV_NOTFOUND);
         EXPECT_TRUE(server == &bare ? ttl("k", c) == 0 : ttl_is("k", 600, c));
         EXPECT_EQ(kv_zaddval(c, "new", 3, 2, "n", 1, "w", 1, 0), KV_NOT_PERMITTED);

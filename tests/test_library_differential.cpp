@@ -2,8 +2,8 @@
 // same data: seeded random writes make keys of every shape (sorted sets with and without values, small and past
 // the size where range reads fetch values member by member, plain sets, keys of other kinds, values hashes that are
 // not hashes or outlive their set, keys that expire), and between them random reads of every kind run through a
-// client made with KELVANE_READS=functions and one made with KELVANE_READS=native. Their statuses and every
-// out-parameter, byte for byte and scores bit for bit, must be the same. Nothing writes while the two read, so
+// client made with KELVANE_READS=functions, one made with KELVANE_READS=native and one on the default path, which
+// mixes the two. Their statuses and every out-parameter, byte for byte and scores bit for bit, must be the same. Nothing writes while the two read, so
 // both see the same state; a key made to expire has expired before either reads it. KELVANE_MODEL_SEED=S runs the
 // one seed S; a failure names the seed and the read.
 #include <gtest/gtest.h>
@@ -66,9 +66,10 @@ public:
         writer_ = client(nullptr);
         functions_ = client("functions");
         native_ = client("native");
+        auto_ = client(nullptr);
     }
     ~Differential() {
-        for (kv_client* c : {writer_, functions_, native_}) kv_client_destroy(c);
+        for (kv_client* c : {writer_, functions_, native_, auto_}) kv_client_destroy(c);
     }
 
     void step() {
@@ -179,14 +180,18 @@ private:
         kv_zmaddval(writer_, "big", 3, scores.data(), np.data(), kBigSet, nl.data(), vp.data(), vl.data(), 0);
     }
 
-    // The same read through both clients; the two results, as text, must be equal.
+    // The same read through each reading client; the results, as text, must be equal.
     template <class Read>
     void compare(const std::string& what, Read read) {
-        const std::string by_function = read(functions_), native = read(native_);
-        if (by_function == native) return;
-        ADD_FAILURE() << "seed " << seed_ << ", step " << step_ << ": " << what << "\nfunctions: " << by_function.substr(0, 2000)
-                      << "\nnative:    " << native.substr(0, 2000) << "\nreproduce with KELVANE_MODEL_SEED=" << seed_;
-        throw std::runtime_error("the two read paths differ");
+        const std::string by_function = read(functions_);
+        for (const auto& [name, c] : {std::pair("native", native_), std::pair("auto", auto_)}) {
+            const std::string other = read(c);
+            if (other == by_function) continue;
+            ADD_FAILURE() << "seed " << seed_ << ", step " << step_ << ": " << what << "\nfunctions: "
+                          << by_function.substr(0, 2000) << "\n" << name << ": " << other.substr(0, 2000)
+                          << "\nreproduce with KELVANE_MODEL_SEED=" << seed_;
+            throw std::runtime_error("the read paths differ");
+        }
     }
 
     void zscore(const std::string& k) {
@@ -253,7 +258,7 @@ private:
     uint64_t seed_;
     std::mt19937_64 rng_;
     CountingManager mm_;
-    kv_client *writer_ = nullptr, *functions_ = nullptr, *native_ = nullptr;
+    kv_client *writer_ = nullptr, *functions_ = nullptr, *native_ = nullptr, *auto_ = nullptr;
     uint64_t step_ = 0;
 };
 
