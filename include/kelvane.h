@@ -19,10 +19,14 @@
  * - Every buffer handed back through an out-parameter is allocated through
  *   the client's memory manager and belongs to the caller, who frees it with
  *   that manager's release().
- * - Every call is synchronous and costs one round trip to the server that
- *   holds its key (a cluster's redirections, and the first call on each
- *   node, which checks that it holds the library's server functions, cost
- *   more). Every call returns within
+ * - Every call is synchronous and atomic, and costs one round trip to the
+ *   server that holds its key (a cluster's redirections, the first call of a
+ *   server function on each node, which checks that the node holds the
+ *   library's functions, a read that finds its member or range missing, and
+ *   a read with values of part of a large set cost more). Reads need no
+ *   server function: KELVANE_READS, read by kv_client_create, picks how
+ *   they are made ("auto", the default; "native"; "functions"), never what
+ *   they answer. Every call returns within
  *   connect_attempts x connect_timeout_s + command_timeout_s seconds
  *   (kv_client_create) of being entered, whatever the servers do. A client
  *   is used by one thread at a time; memory managers may be shared.
