@@ -1,6 +1,6 @@
 // workloads_ranges.cpp -- the range reads with scores and values, by rank
 // (kv_zrange) and by score (kv_zrangebyscore), of 100, 10,000 and 100,000
-// members. The raw side does the native work a hiredis program needs for the
+// members, and the first 10 of 1,000. The raw side does the native work a hiredis program needs for the
 // same result: ZRANGE ... WITHSCORES (with BYSCORE for the score range), then
 // HMGET of the values hash with the members it got, and it ends holding the
 // same data the library hands out: every member, every score as a double
@@ -18,16 +18,20 @@ constexpr int32_t kFlags = ZSET_WITH_SCORES | ZSET_WITH_VALUES;
 
 class RangeRead : public Workload {
 public:
-    RangeRead(bool by_score, std::uint64_t count)
+    // A read of every member of a set of size members, or, with `first`, of
+    // the ranks 0 to first - 1 of it.
+    RangeRead(bool by_score, std::uint64_t size, std::uint64_t first = 0)
         : Workload(std::string(by_score ? "kv_zrangebyscore " : "kv_zrange ") +
-                       std::to_string(count),
-                   std::string(by_score ? "zrangebyscore" : "zrange") + std::to_string(count),
-                   count <= 100 ? 1.0 : 0.9, 1.3),
+                       (first != 0 ? std::to_string(first) + " of " : "") + std::to_string(size),
+                   std::string(by_score ? "zrangebyscore" : "zrange") + std::to_string(size) +
+                       (first != 0 ? "first" + std::to_string(first) : ""),
+                   (first != 0 ? first : size) <= 100 ? 1.0 : 0.9, 1.3),
           by_score_(by_score),
-          count_(count),
-          data_(make_data_set(count, true)) {
-        // Every score is i/3 for i < count, so [0, count] selects them all.
-        max_ = static_cast<double>(count);
+          count_(first != 0 ? first : size),
+          stop_(first != 0 ? static_cast<int32_t>(first) - 1 : -1),
+          data_(make_data_set(size, true)) {
+        // Every score is i/3 for i < size, so [0, size] selects them all.
+        max_ = static_cast<double>(size);
         char text[40];
         max_text_.assign(text, static_cast<size_t>(score_text(max_, text, sizeof text)));
     }
@@ -57,7 +61,7 @@ private:
             by_score_ ? kv_zrangebyscore(sides.client, key.data(), key.size(), 0, max_, &members,
                                          &count, &member_lens, kFlags, &scores, &values,
                                          &value_lens)
-                      : kv_zrange(sides.client, key.data(), key.size(), 0, -1, &members, &count,
+                      : kv_zrange(sides.client, key.data(), key.size(), 0, stop_, &members, &count,
                                   &member_lens, kFlags, &scores, &values, &value_lens);
         if (st != KV_SUCCESS) return "range read: " + status_text(st);
         std::string failure;
@@ -97,8 +101,9 @@ private:
             const size_t lens[] = {6, key.size(), 1, max_text_.size(), 7, 10};
             sides.raw.append(6, argv, lens);
         } else {
-            const char* argv[] = {"ZRANGE", key.data(), "0", "-1", "WITHSCORES"};
-            const size_t lens[] = {6, key.size(), 1, 2, 10};
+            const std::string stop = std::to_string(stop_);
+            const char* argv[] = {"ZRANGE", key.data(), "0", stop.data(), "WITHSCORES"};
+            const size_t lens[] = {6, key.size(), 1, stop.size(), 10};
             sides.raw.append(5, argv, lens);
         }
         Reply range = sides.raw.next_reply();
@@ -143,7 +148,8 @@ private:
     }
 
     bool by_score_;
-    std::uint64_t count_;
+    std::uint64_t count_;  // members a read returns
+    int32_t stop_;
     DataSet data_;
     double max_;
     std::string max_text_;
@@ -158,6 +164,7 @@ std::vector<std::unique_ptr<Workload>> range_workloads() {
             out.push_back(std::make_unique<RangeRead>(by_score, count));
         }
     }
+    out.push_back(std::make_unique<RangeRead>(false, 1000, 10));
     return out;
 }
 

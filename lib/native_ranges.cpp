@@ -49,8 +49,8 @@ constexpr std::size_t kCompactValues = 128;
 void add_zrange(Request& r, const char* key, std::size_t key_len, const Selection& sel,
                 bool reverse, bool scores) {
     const bool limit = sel.by_score && sel.limited;
-    r.command(4 + (sel.by_score ? 1 : 0) + (reverse ? 1 : 0) + (limit ? 3 : 0) + (scores ? 1 : 0));
-    r.arg("ZRANGE").server_key(key, key_len, "");
+    r.command(4 + (sel.by_score ? 1 : 0) + (reverse ? 1 : 0) + (limit ? 3 : 0) + (scores ? 1 : 0), "ZRANGE");
+    r.server_key(key, key_len, "");
     if (!sel.by_score) {
         r.integer(sel.start).integer(sel.stop);
     } else {
@@ -87,7 +87,7 @@ int32_t without_values(kv_client* client, const char* key, std::size_t key_len,
         Request& r = client->request.start();
         open_envelope(r, envelope, key, key_len);
         add_zrange(r, key, key_len, sel, reverse, result.with_scores());
-        if (with_exists) r.command(2).arg("EXISTS").server_key(key, key_len, "");
+        if (with_exists) r.command(2, "EXISTS").server_key(key, key_len, "");
         close_envelope(r, envelope);
         const RangePart parts[] = {RangePart::items, RangePart::exists};
         NativeRangeReply reply(result, parts, with_exists ? 2 : 1, envelope);
@@ -107,8 +107,8 @@ int32_t with_values_table(kv_client* client, const char* key, std::size_t key_le
         Request& r = client->request.start();
         open_envelope(r, envelope, key, key_len);
         add_zrange(r, key, key_len, sel, reverse, result.with_scores());
-        r.values_command(2).arg("HGETALL").server_key(key, key_len, kValuesSuffix);
-        r.command(2).arg("EXISTS").server_key(key, key_len, "");
+        r.values_command(2, "HGETALL").server_key(key, key_len, kValuesSuffix);
+        r.command(2, "EXISTS").server_key(key, key_len, "");
         close_envelope(r, envelope);
         NativeRangeReply reply(result, {RangePart::items, RangePart::values_table, RangePart::exists},
                                envelope);
@@ -140,7 +140,7 @@ public:
         if (!held_) return;
         held_ = false;
         ValueReply reply;
-        client_->request.start().command(1).arg("UNWATCH");
+        client_->request.start().command(1, "UNWATCH");
         // Should this fail too, the connection is closed, and the WATCH with it.
         client_->run_pinned(reply);
     }
@@ -158,7 +158,7 @@ int32_t with_values_watched(kv_client* client, const char* key, std::size_t key_
         Request& r = client->request.start();
         open_envelope(r, kOpen, key, key_len);
         add_zrange(r, key, key_len, sel, reverse, result.with_scores());
-        r.values_command(2).arg("HLEN").server_key(key, key_len, kValuesSuffix);
+        r.values_command(2, "HLEN").server_key(key, key_len, kValuesSuffix);
         NativeRangeReply first(result, {RangePart::items, RangePart::values_count}, kOpen);
         int32_t status = client->run_command(key, key_len, first);
         watch.set();  // if the connection is gone, so is the WATCH
@@ -182,10 +182,10 @@ int32_t with_values_watched(kv_client* client, const char* key, std::size_t key_
             std::size_t bytes = 64;
             for (std::size_t i = 0; i < n; ++i) bytes += result.member(i).size() + 16;
             second.reserve(bytes);
-            second.command(2 + n).arg("HMGET").server_key(key, key_len, kValuesSuffix);
+            second.command(2 + n, "HMGET").server_key(key, key_len, kValuesSuffix);
             for (std::size_t i = 0; i < n; ++i) second.arg(result.member(i));
         } else {
-            second.command(2).arg("EXISTS").server_key(key, key_len, "");
+            second.command(2, "EXISTS").server_key(key, key_len, "");
         }
         close_envelope(second, kCheck);
         NativeRangeReply check(result, {n != 0 ? RangePart::values_list : RangePart::exists}, kCheck);

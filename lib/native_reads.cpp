@@ -42,9 +42,9 @@ public:
                 NativePointReply& reply) const {
         Request& r = client->request.start();
         open_envelope(r, envelope_, key, key_len);
-        r.command(3).arg(command_).server_key(key, key_len, "").arg(member);
-        if (with_value_) r.values_command(3).arg("HGET").server_key(key, key_len, kValuesSuffix).arg(member);
-        if (with_exists_) r.command(2).arg("EXISTS").server_key(key, key_len, "");
+        r.command(3, command_).server_key(key, key_len, "").arg(member);
+        if (with_value_) r.values_command(3, "HGET").server_key(key, key_len, kValuesSuffix).arg(member);
+        if (with_exists_) r.command(2, "EXISTS").server_key(key, key_len, "");
         close_envelope(r, envelope_);
         return client->run_command(key, key_len, reply);
     }
@@ -126,9 +126,9 @@ int32_t count(kv_client* client, const char* key, std::size_t key_len, const dou
               uint32_t* count) {
     Request& r = client->request.start();
     if (bounds != nullptr) {
-        r.command(4).arg("ZCOUNT").server_key(key, key_len, "").score(bounds[0]).score(bounds[1]);
+        r.command(4, "ZCOUNT").server_key(key, key_len, "").score(bounds[0]).score(bounds[1]);
     } else {
-        r.command(2).arg("ZCARD").server_key(key, key_len, "");
+        r.command(2, "ZCARD").server_key(key, key_len, "");
     }
     const Answer answer = Answer::integer;
     NativePointReply reply(&answer, 1, 0, kPlain);

@@ -54,24 +54,27 @@ void Request::wipe() noexcept {
     size_ = argc_ = 0;
 }
 
-void Request::length_line(char kind, std::size_t n) {
-    char* out = make_room(kLengthLine);
-    size_ = static_cast<std::size_t>(write_length_line(out, kind, n) - buffer_.get());
-}
-
-Request& Request::command(std::size_t argc) {
+Request& Request::command(std::size_t argc, std::string_view name) {
     end_values_command();
     commands_ = true;
-    length_line('*', argc);
+    // Both header lines and the name, in one go: a read writes several.
+    char* out = make_room(2 * kLengthLine + name.size() + 2);
+    out = write_length_line(out, '*', argc);
+    out = write_length_line(out, '$', name.size());
+    std::memcpy(out, name.data(), name.size());
+    out += name.size();
+    *out++ = '\r';
+    *out++ = '\n';
+    size_ = static_cast<std::size_t>(out - buffer_.get());
+    ++argc_;
     return *this;
 }
 
-Request& Request::values_command(std::size_t argc) {
-    command(argc);
-    // The span starts at the command's own header, just written.
-    char line[kLengthLine];
-    const auto header = static_cast<std::size_t>(write_length_line(line, '*', argc) - line);
-    dropped_.emplace_back(size_ - header, size_);
+Request& Request::values_command(std::size_t argc, std::string_view name) {
+    end_values_command();
+    const std::size_t from = size_;
+    command(argc, name);
+    dropped_.emplace_back(from, size_);
     open_values_ = true;
     return *this;
 }
@@ -80,11 +83,6 @@ void Request::end_values_command() {
     if (!open_values_) return;
     dropped_.back().second = size_;
     open_values_ = false;
-}
-
-void Request::bulk_header(std::size_t len) {
-    length_line('$', len);
-    ++argc_;
 }
 
 Request& Request::arg(std::string_view bytes) {

@@ -23,12 +23,13 @@ class Request {
 public:
     // Starts a new request, dropping the previous one (the buffer is kept).
     Request& start();
-    // Starts the next command of a run of commands, of argc arguments. A
-    // request that uses it is made of such commands alone.
-    Request& command(std::size_t argc);
+    // Starts the next command of a run of commands: argc arguments, the
+    // first of them name. A request that uses it is made of such commands
+    // alone.
+    Request& command(std::size_t argc, std::string_view name);
     // The same for a command that names the values key and nothing that the
     // read needs without it (main_key_only() leaves it out whole).
-    Request& values_command(std::size_t argc);
+    Request& values_command(std::size_t argc, std::string_view name);
     // Makes room for bytes of arguments, so that writing them moves nothing.
     void reserve(std::size_t bytes) { make_room(kHeaderRoom + bytes); }
     // Overwrites the command (one that held a secret) and drops it.
@@ -81,9 +82,6 @@ public:
 private:
     // Room for n more bytes; the end of what is written.
     char* make_room(std::size_t n);
-    // Writes "<kind><n>\r\n" (an array's or a bulk string's header).
-    void length_line(char kind, std::size_t n);
-    void bulk_header(std::size_t len);
     // Closes the values command under way, if any.
     void end_values_command();
     std::string_view view() const { return std::string_view(buffer_.get(), size_); }

@@ -25,19 +25,19 @@ constexpr std::string_view kSplitKeys =
 
 void open_envelope(Request& request, const Envelope& envelope, const char* key, std::size_t key_len) {
     if (envelope.watch) {
-        request.command(2).arg("WATCH").server_key(key, key_len, "");
-        request.values_command(2).arg("WATCH").server_key(key, key_len, kValuesSuffix);
+        request.command(2, "WATCH").server_key(key, key_len, "");
+        request.values_command(2, "WATCH").server_key(key, key_len, kValuesSuffix);
         // One ASKING would cover the first WATCH alone.
         request.cannot_follow_ask();
     }
-    if (envelope.transaction) request.command(1).arg("MULTI");
+    if (envelope.transaction) request.command(1, "MULTI");
 }
 
 void close_envelope(Request& request, const Envelope& envelope) {
-    if (envelope.transaction) request.command(1).arg("EXEC");
+    if (envelope.transaction) request.command(1, "EXEC");
     if (envelope.check_watch) {
-        request.command(1).arg("MULTI");
-        request.command(1).arg("EXEC");
+        request.command(1, "MULTI");
+        request.command(1, "EXEC");
     }
 }
 
