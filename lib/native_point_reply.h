@@ -16,6 +16,7 @@
 
 #include "kelvane.h"
 #include "memory_manager.h"
+#include "reply_field.h"
 #include "transaction_reply.h"
 
 namespace kelvane {
@@ -37,14 +38,14 @@ public:
     NativePointReply(const Answer* answers, std::size_t n, uint32_t values_commands,
                      const Envelope& envelope, kv_mm* mm = nullptr, int handed = -1);
 
-    // What command k answered. A command left out of the form sent answers
-    // nil.
-    bool is_nil(std::size_t k) const { return replies_[k].kind == Kind::nil; }
-    bool is_wrong_type(std::size_t k) const { return replies_[k].kind == Kind::wrong_type; }
-    bool integer(std::size_t k, long long* out) const;
-    bool count(std::size_t k, uint32_t* out) const;
+    // What command k answered. A command left out of the form sent (a value
+    // where the values hash exists nowhere) answers nothing: no value.
+    bool is_nil(std::size_t k) const { return replies_[k].kind == ReplyField::Kind::nil; }
+    bool is_wrong_type(std::size_t k) const { return replies_[k].kind == ReplyField::Kind::wrong_type; }
+    bool integer(std::size_t k, long long* out) const { return replies_[k].integer(out); }
+    bool count(std::size_t k, uint32_t* out) const { return replies_[k].count(out); }
     // A score: a number's text, never NaN.
-    bool score(std::size_t k, double* out) const;
+    bool score(std::size_t k, double* out) const { return replies_[k].score(out); }
     // The handed reply: its buffer (released by the reply unless taken) and
     // its length; KV_NO_MEMORY when the manager refused it.
     MmBuffer take_handed() { return std::move(handed_buffer_); }
@@ -55,21 +56,11 @@ private:
     bool take_reply(std::size_t k, const ReplyPosition& at, const Element& e) override;
     void clear_replies() override;
 
-    // long_text: a text longer than any the client reads inline.
-    enum class Kind : uint8_t { nil, integer, text, long_text, handed, wrong_type };
-    static constexpr std::size_t kMaxText = 48;  // a score's text is at most 24 bytes
-    struct Reply {
-        Kind kind = Kind::nil;
-        uint8_t len = 0;
-        long long integer = 0;
-        char text[kMaxText];
-    };
-
     std::array<Answer, kMaxCommands> answers_{};
     kv_mm* mm_;
     int handed_;
     bool no_memory_ = false;
-    std::array<Reply, kMaxCommands> replies_;
+    std::array<ReplyField, kMaxCommands> replies_;
     MmBuffer handed_buffer_;
     std::size_t handed_len_ = 0;
 };

@@ -1,10 +1,6 @@
 // point_reply.cpp -- fields of small replies, checked against their shape.
 #include "point_reply.h"
 
-#include <cstring>
-#include <limits>
-
-#include "score_text.h"
 
 namespace kelvane {
 namespace {
@@ -25,7 +21,7 @@ bool is_store_status(long long s) {
 
 }  // namespace
 
-PointReply::Field* PointReply::field_at(const ReplyPosition& at, FieldKind kind, bool is_nil) {
+ReplyField* PointReply::field_at(const ReplyPosition& at, FieldKind kind, bool is_nil) {
     if (at.depth == 0) {
         // Only a bare integer stands alone; a function answers an array.
         return shape_.bare_integer && kind == FieldKind::integer ? &fields_[0] : nullptr;
@@ -50,36 +46,31 @@ bool PointReply::take_array(const ReplyPosition& at, std::size_t count) {
 }
 
 bool PointReply::take_integer(const ReplyPosition& at, long long value) {
-    Field* f = field_at(at, FieldKind::integer, false);
+    ReplyField* f = field_at(at, FieldKind::integer, false);
     if (f == nullptr) return false;
-    f->kind = Kind::integer;
-    f->integer = value;
+    f->set_integer(value);
     return true;
 }
 
 bool PointReply::take_nil(const ReplyPosition& at) {
-    Field* f = field_at(at, FieldKind::text_or_nil, true);
+    ReplyField* f = field_at(at, FieldKind::text_or_nil, true);
     if (f == nullptr) return false;
-    f->kind = Kind::nil;
+    f->kind = ReplyField::Kind::nil;
     return true;
 }
 
 bool PointReply::take_text(const ReplyPosition& at, bool is_bulk, const char* bytes,
                            std::size_t len) {
-    Field* f = is_bulk ? field_at(at, FieldKind::text, false) : nullptr;
+    ReplyField* f = is_bulk ? field_at(at, FieldKind::text, false) : nullptr;
     if (f == nullptr) return false;
     if (at.index == handed_field_) {
-        f->kind = Kind::handed;
+        f->kind = ReplyField::Kind::handed;
         handed_ = mm_copy(mm_, bytes, len);
         handed_len_ = len;
         // The reply goes on to its end, so the stream stays in step.
         if (!handed_) no_memory_ = true;
-    } else if (len > kMaxText) {
-        f->kind = Kind::long_text;
     } else {
-        f->kind = Kind::text;
-        f->len = static_cast<uint8_t>(len);
-        std::memcpy(f->text, bytes, len);
+        f->set_text(bytes, len);
     }
     return true;
 }
@@ -93,44 +84,36 @@ void PointReply::clear() {
 }
 
 int32_t PointReply::function_status() const {
-    if (!is_array_ || field_count_ == 0 || fields_[0].kind != Kind::integer ||
-        !is_store_status(fields_[0].integer)) {
+    if (!is_array_ || field_count_ == 0 || fields_[0].kind != ReplyField::Kind::integer ||
+        !is_store_status(fields_[0].value)) {
         return KV_SERVER_ERROR;
     }
     // Success comes with every field the shape has.
-    if (fields_[0].integer == KV_SUCCESS && field_count_ != 1u + shape_.fields) {
+    if (fields_[0].value == KV_SUCCESS && field_count_ != 1u + shape_.fields) {
         return KV_SERVER_ERROR;
     }
     if (no_memory_) return KV_NO_MEMORY;
-    return static_cast<int32_t>(fields_[0].integer);
+    return static_cast<int32_t>(fields_[0].value);
 }
 
 bool PointReply::top_integer(long long* out) const {
-    if (!shape_.bare_integer || fields_[0].kind != Kind::integer) return false;
-    *out = fields_[0].integer;
-    return true;
+    return shape_.bare_integer && fields_[0].integer(out);
 }
 
 bool PointReply::integer(std::size_t i, long long* out) const {
-    if (!is_array_ || i >= field_count_ || fields_[i].kind != Kind::integer) return false;
-    *out = fields_[i].integer;
-    return true;
+    return is_array_ && i < field_count_ && fields_[i].integer(out);
 }
 
 bool PointReply::count(std::size_t i, uint32_t* out) const {
-    long long n = 0;
-    if (!integer(i, &n) || n < 0 || n > std::numeric_limits<uint32_t>::max()) return false;
-    *out = static_cast<uint32_t>(n);
-    return true;
+    return is_array_ && i < field_count_ && fields_[i].count(out);
 }
 
 bool PointReply::score(std::size_t i, double* out) const {
-    if (!is_array_ || i >= field_count_ || fields_[i].kind != Kind::text) return false;
-    return parse_score(fields_[i].text, fields_[i].len, out);
+    return is_array_ && i < field_count_ && fields_[i].score(out);
 }
 
 bool PointReply::is_nil(std::size_t i) const {
-    return is_array_ && i < field_count_ && fields_[i].kind == Kind::nil;
+    return is_array_ && i < field_count_ && fields_[i].kind == ReplyField::Kind::nil;
 }
 
 }  // namespace kelvane

@@ -18,6 +18,7 @@
 
 #include "kelvane.h"
 #include "memory_manager.h"
+#include "reply_field.h"
 #include "reply_sink.h"
 
 namespace kelvane {
@@ -77,20 +78,9 @@ private:
     void clear() override;
     // The field at this position if the shape has room there for an element
     // of this kind, else nullptr.
-    struct Field;
-    Field* field_at(const ReplyPosition& at, FieldKind kind, bool is_nil);
+    ReplyField* field_at(const ReplyPosition& at, FieldKind kind, bool is_nil);
 
-    // long_text: a text longer than any field the client reads inline (a
-    // name it does not need); reading it as a score fails.
-    enum class Kind : uint8_t { absent, integer, text, long_text, handed, nil };
     static constexpr std::size_t kMaxFields = 3;
-    static constexpr std::size_t kMaxText = 48;  // a score's text is at most 24 bytes
-    struct Field {
-        Kind kind = Kind::absent;
-        uint8_t len = 0;
-        long long integer = 0;
-        char text[kMaxText];
-    };
 
     PointShape shape_;
     kv_mm* mm_;
@@ -98,7 +88,7 @@ private:
     bool is_array_ = false;
     bool no_memory_ = false;
     std::size_t field_count_ = 0;  // as the array announced it
-    std::array<Field, kMaxFields> fields_;
+    std::array<ReplyField, kMaxFields> fields_;
     MmBuffer handed_;
     std::size_t handed_len_ = 0;
 };

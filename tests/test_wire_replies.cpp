@@ -14,6 +14,7 @@
 
 #include "fake_server.h"
 #include "kelvane.h"
+#include "wire_fixture.h"
 
 namespace kelvane_test {
 namespace {
@@ -40,44 +41,10 @@ std::string sound(const Command& c) {
     return "-ERR the fake server has no script for " + c[0] + "\r\n";
 }
 
-// The largest buffer the library asked its memory manager for. Requests past 64 MiB are refused, so a client that
-// believes an announced count shows it here without taking the memory.
-void* recording_alloc(void* ctx, size_t size) {
-    auto* largest = static_cast<std::atomic<size_t>*>(ctx);
-    if (size > *largest) *largest = size;
-    return size > (size_t{64} << 20) ? nullptr : std::malloc(size);
-}
-void recording_free(void*, void* p) { std::free(p); }
-
-class Wire : public ::testing::Test {
+class Wire : public WireTest {
 protected:
-    void SetUp() override {
-        mm_ = kv_mm_create(recording_alloc, recording_free, &largest_, 0);
-        ASSERT_NE(mm_, nullptr);
-    }
-    void TearDown() override {
-        for (kv_client* c : clients_) kv_client_destroy(c);
-        EXPECT_EQ(mm_->live_count(mm_), 0u) << "buffers left unreleased";
-        kv_mm_destroy(mm_);
-    }
-
-    // A client of the fake server with settings 1, 1 and 1: every call ends within 2 s.
     kv_client* client_of(const FakeServer& server, int32_t expected = KV_SUCCESS) {
-        setenv("KELVANE_READS", "functions", 1);
-        kv_client* c = kv_client_create(1, 1, mm_, 1);
-        unsetenv("KELVANE_READS");
-        clients_.push_back(c);
-        EXPECT_EQ(kv_server_add(c, "127.0.0.1", server.port(), nullptr), expected);
-        return c;
-    }
-
-    // kv_zscore of member; *score as the call left it, the value released.
-    int32_t zscore(kv_client* c, const std::string& member, double* score) {
-        char* value = nullptr;
-        size_t len = 9;
-        const int32_t status = kv_zscore(c, "k", 1, member.data(), member.size(), score, &value, &len);
-        mm_->release(value);
-        return status;
+        return WireTest::client_of(server, "functions", expected);
     }
     int32_t zcard(kv_client* c, uint32_t* n) { return kv_zcard(c, "k", 1, n); }
     // kv_zrange of everything with flags; the result released.
@@ -119,33 +86,19 @@ protected:
         EXPECT_EQ(n, 3u);
         EXPECT_EQ(server.connections(), before + 1) << "the connection that was out of step is used again";
     }
-
-    std::atomic<size_t> largest_{0};
-    kv_mm* mm_ = nullptr;
-    std::vector<kv_client*> clients_;
 };
 
 // The case that matters most: a server that answers each command twice. Whether the copy comes right behind its
 // reply or ahead of the next one (after the client looked for stray bytes), no call returns another call's value.
 TEST_F(Wire, AReplyAnsweredTwiceIsNeverTakenForTheNextCallsReply) {
     std::atomic<bool> delayed{true};
-    std::string held;  // the copy still owed (server thread only)
-    FakeServer server([&](const Command& c) {
-        const std::string reply = sound(c);
-        if (c[0] == "HELLO" || c[0] == "FUNCTION") return reply;
-        if (!delayed) return reply + reply;
-        std::string out = held + reply;
-        held = reply;
-        return out;
-    });
+    FakeServer server(answered_twice(sound, delayed,
+                                     [](const Command& c) { return c[0] == "HELLO" || c[0] == "FUNCTION"; }));
     kv_client* c = client_of(server);
     for (const bool late : {true, false}) {
         delayed = late;
         for (int i = 1; i <= 16; ++i) {
-            double score = -1;
-            const int32_t status = zscore(c, std::to_string(i), &score);
-            EXPECT_TRUE(status == KV_SERVER_ERROR || (status == KV_SUCCESS && score == i))
-                << (late ? "late" : "doubled") << " copy: member " << i << " answered " << status << ", score " << score;
+            expect_own_score(c, i, late ? "late copy" : "doubled copy");
             int32_t ttl = -1;
             const std::string key = "k" + std::to_string(i);
             const int32_t ttl_status = kv_get_ttl(c, key.data(), key.size(), &ttl);

@@ -15,6 +15,7 @@
 
 #include "fake_server.h"
 #include "kelvane.h"
+#include "wire_fixture.h"
 
 namespace kelvane_test {
 namespace {
@@ -83,36 +84,10 @@ private:
     std::atomic<bool> armed_{false};
 };
 
-class NativeWire : public ::testing::Test {
+class NativeWire : public WireTest {
 protected:
-    void SetUp() override {
-        mm_ = kv_mm_create(nullptr, nullptr, nullptr, 0);
-        ASSERT_NE(mm_, nullptr);
-    }
-    void TearDown() override {
-        for (kv_client* c : clients_) kv_client_destroy(c);
-        EXPECT_EQ(mm_->live_count(mm_), 0u) << "buffers left unreleased";
-        kv_mm_destroy(mm_);
-    }
+    kv_client* client_of(const FakeServer& server) { return WireTest::client_of(server, "native"); }
 
-    // A client of the fake server, on native reads, with settings 1, 1 and 1: every call ends within 2 s.
-    kv_client* client_of(const FakeServer& server) {
-        setenv("KELVANE_READS", "native", 1);
-        kv_client* c = kv_client_create(1, 1, mm_, 1);
-        unsetenv("KELVANE_READS");
-        clients_.push_back(c);
-        EXPECT_EQ(kv_server_add(c, "127.0.0.1", server.port(), nullptr), KV_SUCCESS);
-        return c;
-    }
-
-    // kv_zscore of member; *score as the call left it, the value released.
-    int32_t zscore(kv_client* c, const std::string& member, double* score) {
-        char* value = nullptr;
-        size_t len = 9;
-        const int32_t status = kv_zscore(c, "k", 1, member.data(), member.size(), score, &value, &len);
-        mm_->release(value);
-        return status;
-    }
     // kv_zrange of everything with scores and values, one member's score; the result released.
     int32_t zrange(kv_client* c, double* first_score = nullptr) {
         void** m = nullptr;
@@ -145,9 +120,6 @@ protected:
         EXPECT_EQ(score, 3);
         EXPECT_EQ(server.connections(), before + 1) << "the connection that was out of step is used again";
     }
-
-    kv_mm* mm_ = nullptr;
-    std::vector<kv_client*> clients_;
 };
 
 // Replaces the answer of every command named op, as long as the script is armed.
@@ -182,26 +154,14 @@ TEST_F(NativeWire, ATransactionOfTheWrongShapeIsAServerErrorAndItsConnectionIsDr
 // A transaction whose whole reply comes twice (the copy right behind it, or ahead of the next call's) is never
 // taken for the next call's: the tag after EXEC belongs to one call only.
 TEST_F(NativeWire, ATransactionAnsweredTwiceIsNeverTakenForTheNextCallsReply) {
-    std::string held;
     Transactions script;
     std::atomic<bool> delayed{true}, sound{false};
-    FakeServer server([&](const Command& c) {
-        const std::string reply = script(c);
-        if (c[0] == "HELLO" || sound) return reply;
-        if (!delayed) return reply + reply;
-        std::string out = held + reply;
-        held = reply;
-        return out;
-    });
+    FakeServer server(answered_twice([&](const Command& c) { return script(c); }, delayed,
+                                     [&](const Command& c) { return c[0] == "HELLO" || sound; }));
     kv_client* c = client_of(server);
     for (const bool late : {true, false}) {
         delayed = late;
-        for (int i = 1; i <= 16; ++i) {
-            double score = -1;
-            const int32_t status = zscore(c, std::to_string(i), &score);
-            EXPECT_TRUE(status == KV_SERVER_ERROR || (status == KV_SUCCESS && score == i))
-                << (late ? "late" : "doubled") << " copy: member " << i << " answered " << status << ", score " << score;
-        }
+        for (int i = 1; i <= 16; ++i) expect_own_score(c, i, late ? "late copy" : "doubled copy");
     }
     std::this_thread::sleep_for(20ms);  // the server has read what the dropped connections sent
     sound = true;                       // once it answers each command once, calls work again
@@ -213,21 +173,10 @@ TEST_F(NativeWire, ATransactionAnsweredTwiceIsNeverTakenForTheNextCallsReply) {
 // A range inside EXEC that announces 100 million members costs the client nothing: the arrays grow only with
 // members that arrived, and the call ends at its bound.
 TEST_F(NativeWire, ACountInsideATransactionIsBelievedOnlyAsFarAsTheBytesThatCarryIt) {
-    std::atomic<size_t> largest{0};
-    kv_mm* recording = kv_mm_create(
-        [](void* ctx, size_t size) -> void* {
-            auto* most = static_cast<std::atomic<size_t>*>(ctx);
-            if (size > *most) *most = size;
-            return size > (size_t{64} << 20) ? nullptr : std::malloc(size);
-        },
-        [](void*, void* p) { std::free(p); }, &largest, 0);
     Transactions script;
     script.arm(on("EXEC", [](const std::string&) { return std::string("*3\r\n*100000000\r\n"); }));
     FakeServer server([&](const Command& c) { return script(c); });
-    setenv("KELVANE_READS", "native", 1);
-    kv_client* c = kv_client_create(1, 1, recording, 1);
-    unsetenv("KELVANE_READS");
-    ASSERT_EQ(kv_server_add(c, "127.0.0.1", server.port(), nullptr), KV_SUCCESS);
+    kv_client* c = client_of(server);
     void** m = nullptr;
     size_t n = 0, *ml = nullptr, *vl = nullptr;
     double* s = nullptr;
@@ -237,10 +186,8 @@ TEST_F(NativeWire, ACountInsideATransactionIsBelievedOnlyAsFarAsTheBytesThatCarr
     // scores) it announces.
     EXPECT_EQ(kv_zrange(c, "k", 1, 0, -1, &m, &n, &ml, ZSET_WITH_SCORES | ZSET_WITH_VALUES, &s, &v, &vl), KV_TIMEOUT);
     EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
-    EXPECT_LT(largest.load(), size_t{64} << 10) << "allocated for members that never came";
+    EXPECT_LT(largest_.load(), size_t{64} << 10) << "allocated for members that never came";
     EXPECT_TRUE(m == nullptr && n == 0 && ml == nullptr && s == nullptr && v == nullptr && vl == nullptr);
-    kv_client_destroy(c);
-    kv_mm_destroy(recording);
 }
 
 }  // namespace
