@@ -1,8 +1,12 @@
 // Access rules: a Redis ACL user with no more than the documented minimal rights runs every operation, on a
 // server whose functions another client loaded and, with FUNCTION LOAD added, on one that has none yet; a user
 // who may not call functions, or a server that has no functions at all, still serves every read, and writes and
-// removals answer KV_NOT_PERMITTED without changing anything.
+// removals answer KV_NOT_PERMITTED without changing anything; such a reader sees each write whole while a writer
+// keeps changing a large set.
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <thread>
 
 #include "library_fixture.h"
 
@@ -137,6 +141,60 @@ TEST_F(Access, UserWhoMayNotCallFunctionsReadsEverythingAndChangesNothing) {
         EXPECT_EQ(server->command({"DBSIZE"}) + server->command({"ZRANGE", "kv{k}", "0", "-1"}), before);
     }
     EXPECT_EQ(bare.command({"FUNCTION", "LIST"}), "") << "a read loaded the functions";
+}
+
+// A writer rewrites every member of a set of 5,000 with values, in one call, to round r: score r, value "r". A reader
+// without functions reads the whole set and its first 100 members meanwhile: reads of a large values hash go in two
+// round trips under a WATCH, and must see one round whole each time, read again when a write came in between.
+TEST_F(Access, AReaderWithoutFunctionsSeesEachWriteWholeWhileAWriterChangesALargeSet) {
+    constexpr int kMembers = 5000;
+    std::vector<std::string> names(kMembers);
+    std::vector<const char*> np(kMembers), vp(kMembers);
+    std::vector<size_t> nl(kMembers), vl(kMembers);
+    for (int i = 0; i < kMembers; ++i) names[i] = "member-" + std::to_string(i);
+    const auto write_round = [&](kv_client* c, int r) {
+        const std::string value = std::to_string(r);
+        const std::vector<double> scores(kMembers, r);
+        for (int i = 0; i < kMembers; ++i) {
+            np[i] = names[i].data(), nl[i] = names[i].size(), vp[i] = value.data(), vl[i] = value.size();
+        }
+        return kv_zmaddval(c, "live", 4, scores.data(), np.data(), kMembers, nl.data(), vp.data(), vl.data(), 0);
+    };
+    ASSERT_EQ(write_round(client_, 0), KV_SUCCESS);
+    kv_client* reader = client_as(*server_, "reader", kReaderAcl);
+    kv_client* writer = another(server_->port());
+    std::atomic<bool> stop{false};
+    std::atomic<int> rounds{0};
+    std::atomic<int32_t> failed{KV_ALREADY_EXISTS};
+    std::thread writing([&] {
+        for (int r = 1; !stop; ++r) {
+            const int32_t status = write_round(writer, r);
+            if (status != KV_ALREADY_EXISTS) return failed.store(status);  // every member is there already
+            rounds = r;
+        }
+    });
+    int reads = 0;
+    const auto start = std::chrono::steady_clock::now();
+    const auto elapsed = [&] { return std::chrono::steady_clock::now() - start; };
+    while (failed == KV_ALREADY_EXISTS && (elapsed() < std::chrono::seconds(1) || rounds < 3) &&
+           elapsed() < std::chrono::seconds(20)) {
+        const bool whole = reads % 2 == 0;
+        const Range got = whole ? range("live", 0, -1, reader) : range("live", 0, 99, reader);
+        ASSERT_EQ(got.status, KV_SUCCESS);
+        ASSERT_EQ(got.members.size(), whole ? size_t{kMembers} : size_t{100});
+        const double r = got.scores.front();
+        for (size_t i = 0; i < got.members.size(); ++i) {
+            ASSERT_TRUE(got.scores[i] == r && got.values[i] == std::to_string(static_cast<int>(r)))
+                << "read " << reads << ": " << got.members[i] << " at " << got.scores[i] << " with "
+                << got.values[i].value_or("no value") << " beside round " << r;
+        }
+        ++reads;
+    }
+    stop = true;
+    writing.join();
+    EXPECT_EQ(failed.load(), KV_ALREADY_EXISTS);
+    EXPECT_GE(rounds.load(), 3) << "the writer stopped";
+    EXPECT_GE(reads, 4);
 }
 
 }  // namespace
