@@ -166,13 +166,21 @@ TEST_F(Access, AReaderWithoutFunctionsSeesEachWriteWholeWhileAWriterChangesALarg
     std::atomic<bool> stop{false};
     std::atomic<int> rounds{0};
     std::atomic<int32_t> failed{KV_ALREADY_EXISTS};
-    std::thread writing([&] {
-        for (int r = 1; !stop; ++r) {
-            const int32_t status = write_round(writer, r);
-            if (status != KV_ALREADY_EXISTS) return failed.store(status);  // every member is there already
-            rounds = r;
+    // Stops and joins the writer however the reading ends, a failed assertion included.
+    struct Writing {
+        std::atomic<bool>& stop;
+        std::thread thread;
+        ~Writing() {
+            stop = true;
+            if (thread.joinable()) thread.join();
         }
-    });
+    } writing{stop, std::thread([&] {
+                  for (int r = 1; !stop; ++r) {
+                      const int32_t status = write_round(writer, r);
+                      if (status != KV_ALREADY_EXISTS) return failed.store(status);  // every member is there
+                      rounds = r;
+                  }
+              })};
     int reads = 0;
     const auto start = std::chrono::steady_clock::now();
     const auto elapsed = [&] { return std::chrono::steady_clock::now() - start; };
@@ -191,7 +199,7 @@ TEST_F(Access, AReaderWithoutFunctionsSeesEachWriteWholeWhileAWriterChangesALarg
         ++reads;
     }
     stop = true;
-    writing.join();
+    writing.thread.join();
     EXPECT_EQ(failed.load(), KV_ALREADY_EXISTS);
     EXPECT_GE(rounds.load(), 3) << "the writer stopped";
     EXPECT_GE(reads, 4);
