@@ -150,8 +150,8 @@ private:
         // first seed.
         std::shared_ptr<const NodeSettings> data_settings, named_settings;
         Node* master = nullptr;  // answered ROLE as master when last connected
-        // Subscribed to one Sentinel's failover announcements; any bytes on
-        // it put the master in doubt.
+        // Subscribed to the failover announcements of one Sentinel (watched);
+        // any bytes on it put the master in doubt.
         NodeConnection watch;
         Endpoint watched;
         Clock::time_point last_asked{};
@@ -170,9 +170,10 @@ private:
     // Connects to n as needed and asks its role: KV_SUCCESS for a master,
     // else the status with *why.
     int32_t confirm_master(Node& n, Deadline deadline, std::string* why);
-    // Whether a Sentinel announced a failover since the master was found,
-    // or, with no announcement to watch, it is time to ask again.
-    bool master_in_doubt();
+    // Whether the watched Sentinel announced a failover (or went away) since
+    // the master was found, with *announcer that Sentinel, or, with no
+    // announcement to watch, it is time to ask again.
+    bool master_in_doubt(Node** announcer);
     // Subscribes to the failovers the Sentinel announces, unless the watch
     // is on it already.
     void watch_sentinel(Node& sentinel, Deadline deadline);

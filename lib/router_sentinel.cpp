@@ -117,7 +117,8 @@ int32_t Router::add_sentinel(const Endpoint& seed, const SeedSettings& settings,
 
 Router::Node* Router::sentinel_master(Deadline deadline, int32_t* status) {
     Sentinels& s = sentinels_;
-    if (s.master != nullptr && !master_in_doubt()) {
+    Node* announcer = nullptr;
+    if (s.master != nullptr && !master_in_doubt(&announcer)) {
         Node& m = *s.master;
         if (m.connection.is_open() && m.connection.usable()) return &m;
         // A new connection may meet a node that is a replica by now.
@@ -125,15 +126,18 @@ Router::Node* Router::sentinel_master(Deadline deadline, int32_t* status) {
         if (confirm_master(m, deadline, &why) == KV_SUCCESS) return &m;
     }
     s.master = nullptr;
-    *status = find_master(deadline, nullptr);
+    // The Sentinel that announced a failover knows of it: it is asked first.
+    *status = find_master(deadline, announcer);
     return *status == KV_SUCCESS ? s.master : nullptr;
 }
 
-bool Router::master_in_doubt() {
+bool Router::master_in_doubt(Node** announcer) {
     Sentinels& s = sentinels_;
     if (!s.watch.is_open()) return Clock::now() - s.last_asked >= kAskAgainEvery;
     if (s.watch.usable()) return false;
     s.watch.close();  // a failover announced, or the Sentinel gone: ask again
+    bool made = false;
+    *announcer = &sentinel_node(s.watched, &made);
     return true;
 }
 
@@ -161,7 +165,8 @@ void Router::learn_sentinels(const std::vector<Endpoint>& named, std::vector<Nod
 int32_t Router::confirm_master(Node& n, Deadline deadline, std::string* why) {
     int32_t status = connect(n, deadline, 1);
     if (status != KV_SUCCESS) {
-        *why = "cannot be reached (" + n.connection.failure() + ")";
+        const bool unreachable = status == KV_CONNECT_FAILED || status == KV_TIMEOUT || status == KV_CONNECTION_LOST;
+        *why = (unreachable ? "cannot be reached (" : "turned the client away (") + n.connection.failure() + ")";
         return status;
     }
     std::string role;
@@ -245,7 +250,8 @@ int32_t Router::find_master(Deadline deadline, Node* first) {
         if (refuses_settings(confirmed)) refused = confirmed;
         say(named + ", which " + not_master);
     }
-    if (why.empty()) why = "no Sentinel was asked before the deadline";
+    // No time was left to ask: what the last round found stands.
+    if (why.empty()) return KV_NO_MASTER;
     const int32_t status = refused != KV_SUCCESS ? refused : answered ? KV_NO_MASTER : unreached;
     std::string text = "no master named " + quoted(s.master_name) + ": " + why;
     for (const auto& settings : {s.data_settings, s.named_settings}) {

@@ -4,6 +4,7 @@
 
 #include <charconv>
 #include <optional>
+#include <utility>
 
 #include "kelvane.h"
 #include "request.h"
@@ -59,8 +60,10 @@ int32_t ask_sentinel(NodeConnection& connection, std::string_view name, Deadline
 }
 
 int32_t ask_role(NodeConnection& connection, Deadline deadline, std::string* role) {
+    Request role_request;
+    role_request.start().arg("ROLE");
     ValueReply reply;
-    const Exchange done = connection.exchange("*1\r\n$4\r\nROLE\r\n", {&reply}, deadline);
+    const Exchange done = connection.exchange(role_request.bytes(), {&reply}, deadline);
     if (done.status != KV_SUCCESS) return done.status;
     if (reply.is_error()) return status_of_reply(reply);
     const Value& v = reply.value();
@@ -72,16 +75,26 @@ int32_t ask_role(NodeConnection& connection, Deadline deadline, std::string* rol
 }
 
 int32_t watch_failovers(NodeConnection& connection, Deadline deadline) {
-    ValueReply reply;
-    const Exchange done =
-        connection.exchange("*2\r\n$9\r\nSUBSCRIBE\r\n$14\r\n+switch-master\r\n", {&reply}, deadline);
+    // The Sentinel that runs a failover names the promoted replica from the
+    // moment it answers as master (+promoted-slave), and announces the
+    // switch only once the other replicas follow it; the others announce the
+    // switch when they learn of it.
+    Request subscribe;
+    subscribe.start().arg("SUBSCRIBE").arg("+switch-master").arg("+promoted-slave");
+    ValueReply switched, promoted;
+    const Exchange done = connection.exchange(subscribe.bytes(), {&switched, &promoted}, deadline);
     if (done.status != KV_SUCCESS) return done.status;
-    if (reply.is_error()) return status_of_reply(reply);
-    // ["subscribe", "+switch-master", 1]
-    const Value& v = reply.value();
-    if (v.type != Value::Type::array || v.elements.size() != 3 || v.elements[0].text != "subscribe") {
-        connection.close();
-        return KV_SERVER_ERROR;
+    const std::pair<const ValueReply*, std::string_view> channels[] = {{&switched, "+switch-master"},
+                                                                        {&promoted, "+promoted-slave"}};
+    for (const auto& [reply, channel] : channels) {
+        if (reply->is_error()) return status_of_reply(*reply);
+        // ["subscribe", <channel>, <count>]
+        const Value& v = reply->value();
+        if (v.type != Value::Type::array || v.elements.size() != 3 || v.elements[0].text != "subscribe" ||
+            v.elements[1].text != channel) {
+            connection.close();
+            return KV_SERVER_ERROR;
+        }
     }
     return KV_SUCCESS;
 }

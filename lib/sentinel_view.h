@@ -2,8 +2,8 @@
 // a Sentinel, of the master it watches under a name (SENTINEL
 // get-master-addr-by-name) and of the other Sentinels watching it (SENTINEL
 // sentinels), asked in one round trip; a data node, of its role (ROLE); and
-// a Sentinel's announcement of a failover (+switch-master), subscribed to on
-// a connection of its own.
+// a Sentinel's announcements of a failover, subscribed to on a connection of
+// its own.
 #ifndef KELVANE_SENTINEL_VIEW_H
 #define KELVANE_SENTINEL_VIEW_H
 
@@ -36,9 +36,9 @@ int32_t ask_sentinel(NodeConnection& connection, std::string_view name, Deadline
 int32_t ask_role(NodeConnection& connection, Deadline deadline, std::string* role);
 
 // Subscribes the connection to the Sentinel's failover announcements
-// (+switch-master). From then on the connection only receives: any bytes
-// that arrive on it mean that a Sentinel has switched some master to
-// another node. KV_SUCCESS, or why not.
+// (+switch-master, +promoted-slave). From then on the connection only
+// receives: any bytes that arrive on it mean that the Sentinel has switched
+// some master to another node. KV_SUCCESS, or why not.
 int32_t watch_failovers(NodeConnection& connection, Deadline deadline);
 
 }  // namespace kelvane
