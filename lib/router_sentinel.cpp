@@ -184,7 +184,6 @@ int32_t Router::confirm_master(Node& n, Deadline deadline, std::string* why) {
 
 int32_t Router::find_master(Deadline deadline, Node* first) {
     Sentinels& s = sentinels_;
-    s.last_asked = Clock::now();
     std::vector<Node*> order;
     if (first != nullptr) order.push_back(first);
     for (auto& n : s.known) {
@@ -240,6 +239,7 @@ int32_t Router::find_master(Deadline deadline, Node* first) {
         const int32_t confirmed = confirm_master(candidate, share, &not_master);
         if (confirmed == KV_SUCCESS) {
             s.master = &candidate;
+            s.last_asked = Clock::now();
             // The Sentinel that knew is asked first from now on.
             const auto at = std::find_if(s.known.begin(), s.known.end(),
                                          [&](const std::unique_ptr<Node>& k) { return k.get() == &sentinel; });
@@ -250,6 +250,7 @@ int32_t Router::find_master(Deadline deadline, Node* first) {
         if (refuses_settings(confirmed)) refused = confirmed;
         say(named + ", which " + not_master);
     }
+    s.last_asked = Clock::now();
     // No time was left to ask: what the last round found stands.
     if (why.empty()) return KV_NO_MASTER;
     const int32_t status = refused != KV_SUCCESS ? refused : answered ? KV_NO_MASTER : unreached;

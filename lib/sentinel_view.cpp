@@ -79,10 +79,13 @@ int32_t watch_failovers(NodeConnection& connection, Deadline deadline) {
     // moment it answers as master (+promoted-slave), and announces the
     // switch only once the other replicas follow it; the others announce the
     // switch when they learn of it.
+    // One channel a command: a command that is refused (NOPERM) gets one
+    // error reply, however many channels it names.
     Request subscribe;
-    subscribe.start().arg("SUBSCRIBE").arg("+switch-master").arg("+promoted-slave");
+    std::string bytes(subscribe.start().arg("SUBSCRIBE").arg("+switch-master").bytes());
+    bytes.append(subscribe.start().arg("SUBSCRIBE").arg("+promoted-slave").bytes());
     ValueReply switched, promoted;
-    const Exchange done = connection.exchange(subscribe.bytes(), {&switched, &promoted}, deadline);
+    const Exchange done = connection.exchange(bytes, {&switched, &promoted}, deadline);
     if (done.status != KV_SUCCESS) return done.status;
     const std::pair<const ValueReply*, std::string_view> channels[] = {{&switched, "+switch-master"},
                                                                         {&promoted, "+promoted-slave"}};

@@ -4,11 +4,13 @@
 // they are passed over. Seeds of the two kinds never mix and one client follows one name; a Sentinel given as a
 // data node, or the other way round, is refused with what to do. The Sentinels and the data nodes each take
 // credentials and a TLS mode of their own, from the options or the environment, and a failure says which side
-// refused.
+// refused; a Sentinel user that may not subscribe to failover announcements costs the calls nothing.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstddef>
 #include <string>
+#include <thread>
 
 #include "redis_cluster.h"
 #include "redis_sentinel.h"
@@ -162,6 +164,24 @@ TEST(SentinelSettings, SentinelsAndDataNodesTakeCredentialsAndTlsOfTheirOwn) {
         const std::string why = kv_last_error(c.get());
         EXPECT_TRUE(contains(why.c_str(), k.refused_by)) << why;
         EXPECT_FALSE(contains(why.c_str(), "secret")) << why;
+    }
+
+    // A Sentinel user without the right to subscribe to failover announcements: its refusal is one error reply,
+    // and the client, which then asks the Sentinels again every second, must not wait for more.
+    for (int port : group.sentinel_ports()) {
+        group.must(port, {"ACL", "SETUSER", "asker", "on", ">asker-secret", "+sentinel|get-master-addr-by-name",
+                          "+sentinel|sentinels"});
+    }
+    {
+        kv_server_options asker = good;
+        asker.sentinel_user = "asker";
+        asker.sentinel_password = "asker-secret";
+        KvClient c(1, 10, 1);  // a long command timeout, which a reply waited for in vain would fill
+        ASSERT_EQ(c.add_seed(sentinel, &asker), KV_SUCCESS) << kv_last_error(c.get());
+        std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+        const Clock::time_point start = Clock::now();
+        EXPECT_EQ(c.zaddval("k", 1, "m", "v"), KV_ALREADY_EXISTS) << kv_last_error(c.get());
+        EXPECT_LT(seconds(Clock::now() - start), 5.0) << "a hang-safety bound: asking again takes milliseconds";
     }
 
     // All of it from the environment, for kv_server_add.
