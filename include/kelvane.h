@@ -275,12 +275,12 @@ int32_t kv_server_add(kv_client *client, const char *host, uint32_t port,
  *   there. A Sentinel that is down, silent, does not know the name or names
  *   a node that is not a master is skipped: each Sentinel gets a share of
  *   the call's time, never all of it. The client follows a failover: a
- *   broken connection, READONLY, a ROLE that is no longer master, or the
- *   failover announced by a Sentinel (+switch-master, watched on one
- *   connection) makes it ask the Sentinels again, within the call's
- *   deadline; a call that may have run is never sent again. A call that
- *   finds no master before its deadline answers KV_NO_MASTER. Several
- *   Sentinel seeds may be given, all for the same name.
+ *   broken connection, READONLY, a ROLE that is no longer master, or a
+ *   failover announced by a Sentinel (+promoted-slave, +switch-master,
+ *   watched on one connection) makes it ask the Sentinels again, within
+ *   the call's deadline; a call that may have run is never sent again. A
+ *   call that finds no master before its deadline answers KV_NO_MASTER.
+ *   Several Sentinel seeds may be given, all for the same name.
  * - user, password and the TLS members are the data nodes' (master and
  *   replicas) for every seed; sentinel_user and sentinel_password are the
  *   Sentinels' own, since Sentinels keep users of their own

@@ -99,6 +99,15 @@ int32_t Router::refuse_unnamed_sentinel(const Node& seed) {
     return KV_INVALID_PARAMETER;
 }
 
+int32_t Router::connect_seed(Node& seed, Deadline deadline) {
+    try {
+        return connect(seed, deadline, settings_.connect_attempts);
+    } catch (...) {
+        seed.connection.close();  // whatever it had read is out of step now
+        throw;
+    }
+}
+
 int32_t Router::add_seed(const Endpoint& seed, std::shared_ptr<const NodeSettings> settings,
                          Deadline deadline) {
     if (mode_ == NodeMode::sentinel) {
@@ -119,22 +128,16 @@ int32_t Router::add_seed(const Endpoint& seed, std::shared_ptr<const NodeSetting
     seeds_.push_back(&n);
 
     const NodeMode before = mode_;
-    int32_t status = KV_CONNECT_FAILED;
-    try {
-        status = connect(n, deadline, settings_.connect_attempts);
-    } catch (...) {
-        n.connection.close();  // whatever it had read is out of step now
-        throw;
+    const int32_t status = connect_seed(n, deadline);
+    if (status == KV_SUCCESS && refuse_unnamed_sentinel(n) != KV_SUCCESS) {
+        seeds_.pop_back();
+        return KV_INVALID_PARAMETER;
     }
     if (status == KV_SUCCESS && before != NodeMode::unknown && n.connection.mode() != before) {
         seeds_.pop_back();  // a standalone server cannot stand in for a cluster
         note(KV_INVALID_PARAMETER, n, describe(seed) + (before == NodeMode::cluster
                                                             ? " is a standalone server, the others a cluster"
                                                             : " is a cluster node, the others standalone"));
-        return KV_INVALID_PARAMETER;
-    }
-    if (status == KV_SUCCESS && refuse_unnamed_sentinel(n) != KV_SUCCESS) {
-        seeds_.pop_back();
         return KV_INVALID_PARAMETER;
     }
     if (status != KV_SUCCESS) return status;

@@ -97,6 +97,9 @@ private:
     int32_t refuse_unnamed_sentinel(const Node& seed);
     // An open, live connection to n, connecting as needed.
     int32_t connect(Node& n, Deadline deadline, int attempts);
+    // connect() for a seed just registered, which stays registered whatever
+    // the attempt meets, running out of memory included.
+    int32_t connect_seed(Node& seed, Deadline deadline);
     // Finds out what the seeds are (standalone or cluster) when no seed has
     // answered yet.
     int32_t discover(Deadline deadline);

@@ -90,15 +90,10 @@ int32_t Router::add_sentinel(const Endpoint& seed, const SeedSettings& settings,
     }
     s.seeds.push_back(std::move(registered));
 
-    int32_t status = KV_CONNECT_FAILED;
-    try {
-        status = connect(n, deadline, settings_.connect_attempts);
-    } catch (...) {
-        n.connection.close();  // whatever it had read is out of step now
-        throw;
-    }
+    const int32_t status = connect_seed(n, deadline);
     if (status == KV_SUCCESS && n.connection.mode() != NodeMode::sentinel) {
-        note(KV_INVALID_PARAMETER, n, describe(seed) + " is not a Sentinel: it greets as a data node (give it without a master's name)");
+        note(KV_INVALID_PARAMETER, n,
+             describe(seed) + " is not a Sentinel: it greets as a data node (give it without a master's name)");
         s.seeds.pop_back();
         if (made) s.known.pop_back();
         if (s.seeds.empty()) {  // as if it had never been given

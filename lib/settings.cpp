@@ -41,7 +41,9 @@ bool named_mode(int32_t given, const char* member, const char* variable, bool so
         for (const ModeName& m : kModes) {
             if (m.mode == given) *mode = m.mode;
         }
-        if (*mode == KV_TLS_UNSET) *why = std::string(member) + " " + std::to_string(given) + " is not a TLS mode (KV_TLS_*)";
+        if (*mode == KV_TLS_UNSET) {
+            *why = std::string(member) + " " + std::to_string(given) + " is not a TLS mode (KV_TLS_*)";
+        }
         return *mode != KV_TLS_UNSET;
     }
     if (socket_path) return true;

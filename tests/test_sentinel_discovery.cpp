@@ -89,7 +89,8 @@ TEST(SentinelSeeds, DataNodesAndSentinelsNeverMixAndAClientFollowsOneName) {
         // Each refused with what to do, and nothing of either kept: the client is as new.
         KvClient c;
         EXPECT_EQ(c.add_seed(sentinel), KV_INVALID_PARAMETER);
-        EXPECT_TRUE(contains(kv_last_error(c.get()), "is a Sentinel: give the name of the master")) << kv_last_error(c.get());
+        EXPECT_TRUE(contains(kv_last_error(c.get()), "is a Sentinel: give the name of the master"))
+            << kv_last_error(c.get());
         EXPECT_EQ(c.add_seed(data, &options), KV_INVALID_PARAMETER);
         EXPECT_TRUE(contains(kv_last_error(c.get()), "is not a Sentinel")) << kv_last_error(c.get());
         EXPECT_EQ(c.zadd("k", 2, "m"), KV_NO_SERVER);

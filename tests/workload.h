@@ -60,7 +60,9 @@ public:
     void start(size_t warm_rounds) {
         thread_ = std::thread([this] { run(); });
         const auto deadline = Clock::now() + std::chrono::seconds(20);
-        while (rounds_ < warm_rounds && Clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        while (rounds_ < warm_rounds && Clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
     }
     void stop() {
         stopping_ = true;
