@@ -105,6 +105,11 @@ const char *kv_version(void);
 #define KV_BAD_SETTINGS      114 /* a setting (options or environment) cannot be used: an unknown
                                     TLS mode, a file that is missing, unreadable or not a
                                     certificate or key, a key that does not match its certificate */
+#define KV_NO_MASTER         115 /* a store behind Sentinels has no master to serve the call just
+                                    now: no Sentinel reached names one that answers as master (a
+                                    failover under way, a name no Sentinel knows, a named master
+                                    that is a replica or does not answer) until the call's
+                                    deadline; nothing ran */
 
 /* ---- Sorted-set flags of the variadic reads ---------------------------- */
 /* Optional arguments follow the flags in this order, each group only when
@@ -206,13 +211,20 @@ void kv_client_destroy(kv_client *client);
  *   the master of its key's slot, following the cluster through slot
  *   migrations and failovers. Nodes the cluster names are given the
  *   credentials of the first seed that has some.
+ * - A Redis Sentinel, when the master's name is given (KELVANE_SENTINEL_MASTER
+ *   here, kv_server_options.sentinel_master with kv_server_add_options),
+ *   leads to the master it watches: the client asks the Sentinels for it,
+ *   checks that it is a master (ROLE), sends every call there and follows
+ *   it through failovers (kv_server_add_options says how).
  * A seed is registered before its connection is tried and stays registered
  * whatever the attempt meets: later calls try it again, and the status says
  * why this attempt failed (kv_last_error() in words; KV_CLUSTER_DOWN for a
  * cluster node that serves no slot, while no seed has given the slot map).
  * Settings that cannot be used give KV_BAD_SETTINGS and register nothing.
  * The same host and port twice gives KV_ALREADY_EXISTS; a standalone server
- * next to a cluster gives KV_INVALID_PARAMETER. */
+ * next to a cluster, a Sentinel next to either, a Sentinel seed given for
+ * another master's name than the others, and a seed that is a Sentinel
+ * given without a master's name give KV_INVALID_PARAMETER. */
 int32_t kv_server_add(kv_client *client, const char *host, uint32_t port,
                       const kv_credentials *credentials);
 
@@ -259,6 +271,31 @@ int32_t kv_server_add(kv_client *client, const char *host, uint32_t port,
  *   KELVANE_PASSWORD); the user is then user, KELVANE_USER, or "default".
  *   The library keeps the password in memory it wipes when it is no longer
  *   needed, and never puts it in any text it returns.
+ * - sentinel_master: the seed is a Redis Sentinel, and the store is the
+ *   master it watches under that name, with its replicas. The client asks
+ *   the Sentinels it knows (SENTINEL get-master-addr-by-name; it learns
+ *   the others from SENTINEL sentinels and remembers them) for the master,
+ *   connects to it and checks with ROLE that it is one before any call goes
+ *   there. A Sentinel that is down, silent, does not know the name or names
+ *   a node that is not a master is skipped: each Sentinel gets a share of
+ *   the call's time, never all of it. The client follows a failover: a
+ *   broken connection, READONLY, a ROLE that is no longer master, or a
+ *   failover announced by a Sentinel (+promoted-slave, +switch-master,
+ *   watched on one connection) makes it ask the Sentinels again, within
+ *   the call's deadline; a call that may have run is never sent again. A
+ *   call that finds no master before its deadline answers KV_NO_MASTER.
+ *   Several Sentinel seeds may be given, all for the same name.
+ * - user, password and the TLS members are the data nodes' (master and
+ *   replicas) for every seed; sentinel_user and sentinel_password are the
+ *   Sentinels' own, since Sentinels keep users of their own
+ *   (requirepass and ACL in sentinel.conf) and need not share the data
+ *   nodes'. sentinel_tls_mode KV_TLS_UNSET (and KELVANE_SENTINEL_TLS_MODE
+ *   unset) reaches the Sentinels with the data nodes' TLS settings; any
+ *   other mode applies to the Sentinels alone, with the same CA, client
+ *   certificate and server name (Sentinels often listen in plaintext where
+ *   the data is encrypted, or the other way round). A Sentinel's
+ *   certificate is checked against its address, or tls_server_name; the
+ *   master's against the address the Sentinels name, or tls_server_name.
  * - size: later versions append members and read only those the caller's
  *   size covers; members past it count as NULL. */
 typedef struct kv_server_options {
@@ -275,9 +312,19 @@ typedef struct kv_server_options {
                                     else the certificate file */
     const char *tls_server_name; /* the name to check and send as SNI instead of the host, for
                                     every node of the store; NULL: KELVANE_TLS_SERVER_NAME */
+    const char *sentinel_master; /* the seed is a Sentinel and this the name of the master it
+                                    watches; NULL: KELVANE_SENTINEL_MASTER, else a data node.
+                                    "" gives KV_BAD_SETTINGS */
+    const char *sentinel_user;   /* the Sentinels' user; NULL: KELVANE_SENTINEL_USER, else
+                                    "default" */
+    const char *sentinel_password; /* the Sentinels' password; NULL: KELVANE_SENTINEL_PASSWORD,
+                                      else no AUTH with the Sentinels */
+    int32_t sentinel_tls_mode;   /* KV_TLS_*, for the Sentinels alone; KV_TLS_UNSET:
+                                    KELVANE_SENTINEL_TLS_MODE, else the data nodes' TLS */
 } kv_server_options;
-#define KV_SERVER_OPTIONS_INIT \
-    { sizeof(kv_server_options), NULL, NULL, KV_TLS_UNSET, NULL, NULL, NULL, NULL, NULL }
+#define KV_SERVER_OPTIONS_INIT                                                            \
+    { sizeof(kv_server_options), NULL, NULL, KV_TLS_UNSET, NULL, NULL, NULL, NULL, NULL, \
+      NULL, NULL, NULL, KV_TLS_UNSET }
 
 /* As kv_server_add, with options; NULL options: everything from the
  * environment. kv_server_add(client, host, port, NULL) takes user, password
@@ -290,7 +337,9 @@ typedef struct kv_server_options {
  * every other failure leaves it registered, as with kv_server_add. A size
  * too small to cover the user member gives KV_INVALID_PARAMETER.
  * Nodes a cluster names are reached with the settings (credentials and TLS)
- * of the first seed that has credentials, or else of the first seed. */
+ * of the first seed that has credentials, or else of the first seed; so are
+ * the masters and the Sentinels that Sentinels name, each with its own
+ * kind of settings. */
 int32_t kv_server_add_options(kv_client *client, const char *host, uint32_t port,
                               const kv_server_options *options);
 

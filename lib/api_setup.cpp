@@ -1,5 +1,5 @@
-// api_setup.cpp -- clients, server registration (with settings from the
-// caller and the environment) and voidtostring.
+// api_setup.cpp -- clients, server registration (data nodes and Sentinels,
+// with settings from the caller and the environment) and voidtostring.
 #include <chrono>
 #include <cstddef>
 #include <cstring>
@@ -45,7 +45,7 @@ int32_t add_server(kv_client* client, const char* host, uint32_t port,
                    const kelvane::GivenSettings& given) {
     const bool path = kelvane::is_socket_path(host);
     if (!path && (port == 0 || port > 65535)) return KV_INVALID_PARAMETER;
-    std::shared_ptr<const kelvane::NodeSettings> settings;
+    kelvane::SeedSettings settings;
     std::string why;
     const int32_t status = kelvane::resolve_settings(given, host, &settings, &why);
     if (status != KV_SUCCESS) {
@@ -54,7 +54,10 @@ int32_t add_server(kv_client* client, const char* host, uint32_t port,
     }
     // A socket path names the server alone: the port plays no part.
     const kelvane::Endpoint seed{host, path ? 0 : static_cast<int>(port)};
-    return client->router.add_seed(seed, std::move(settings), client->deadline);
+    if (!settings.sentinel_master.empty()) {
+        return client->router.add_sentinel(seed, settings, client->deadline);
+    }
+    return client->router.add_seed(seed, std::move(settings.data), client->deadline);
 }
 
 // Whether the caller's options structure reaches past a member that ends at
@@ -99,6 +102,10 @@ extern "C" int32_t kv_server_add_options(kv_client* client, const char* host, ui
             given.cert_file = KV_OPTION(options, tls_cert_file, nullptr);
             given.key_file = KV_OPTION(options, tls_key_file, nullptr);
             given.server_name = KV_OPTION(options, tls_server_name, nullptr);
+            given.sentinel_master = KV_OPTION(options, sentinel_master, nullptr);
+            given.sentinel_user = KV_OPTION(options, sentinel_user, nullptr);
+            given.sentinel_password = KV_OPTION(options, sentinel_password, nullptr);
+            given.sentinel_tls_mode = KV_OPTION(options, sentinel_tls_mode, KV_TLS_UNSET);
         }
         return add_server(client, host, port, given);
     });

@@ -89,7 +89,10 @@ int32_t NodeConnection::greet(const NodeSettings& settings, Deadline deadline) {
         return KV_SERVER_ERROR;
     }
     const Value* mode = reply.value().field("mode");
-    mode_ = mode != nullptr && mode->text == "cluster" ? NodeMode::cluster : NodeMode::standalone;
+    mode_ = mode == nullptr            ? NodeMode::standalone
+            : mode->text == "cluster"  ? NodeMode::cluster
+            : mode->text == "sentinel" ? NodeMode::sentinel
+                                       : NodeMode::standalone;
     return KV_SUCCESS;
 }
 
@@ -126,7 +129,7 @@ Exchange NodeConnection::exchange(std::string_view bytes, std::initializer_list<
         close();
         return Exchange{status, sent};
     }
-    last_reply_ = Clock::now();
+    last_alive_ = Clock::now();
     return Exchange{KV_SUCCESS, true};
 }
 

@@ -20,7 +20,9 @@
 
 namespace kelvane {
 
-enum class NodeMode : uint8_t { unknown, standalone, cluster };
+// What a node told of itself when greeted: a data node on its own or in a
+// cluster, or a Sentinel.
+enum class NodeMode : uint8_t { unknown, standalone, cluster, sentinel };
 
 // How an exchange went. A failed one closes the connection.
 struct Exchange {
@@ -42,12 +44,15 @@ public:
     // The last open() failed because the server refused the connection.
     bool refused() const { return socket_.refused(); }
     // Open, and not closed by the server since the last exchange. A
-    // connection that answered within the last millisecond is taken to be
-    // alive without a look (no server restarts that fast), which keeps a
-    // system call off every call made back to back.
+    // connection that answered, or was looked at and found alive, within the
+    // last millisecond is taken to be alive without a look (no server
+    // restarts that fast), which keeps a system call off every call made
+    // back to back, and off the second of two looks in a row.
     bool usable() const {
-        if (Clock::now() - last_reply_ < kSurelyAliveFor) return socket_.is_open();
-        return socket_.idle_and_alive();
+        if (Clock::now() - last_alive_ < kSurelyAliveFor) return socket_.is_open();
+        if (!socket_.idle_and_alive()) return false;
+        last_alive_ = Clock::now();
+        return true;
     }
     NodeMode mode() const { return mode_; }
     // Counts the connections opened: a number that stays the same for as
@@ -71,7 +76,7 @@ private:
 
     Socket socket_;
     Reader reader_;
-    Clock::time_point last_reply_{};
+    mutable Clock::time_point last_alive_{};  // the last reply, or the last look that found it alive
     uint64_t sessions_ = 0;
     NodeMode mode_ = NodeMode::unknown;
     std::string failure_;

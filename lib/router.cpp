@@ -57,7 +57,9 @@ Router::Node& Router::node(const Endpoint& endpoint) {
 }
 
 void Router::learn_mode(Node& n) {
-    if (mode_ != NodeMode::unknown || n.connection.mode() == NodeMode::unknown) return;
+    // A Sentinel leads to a store only by a master's name (add_sentinel).
+    const NodeMode greeted = n.connection.mode();
+    if (mode_ != NodeMode::unknown || greeted == NodeMode::unknown || greeted == NodeMode::sentinel) return;
     mode_ = n.connection.mode();
     if (mode_ == NodeMode::standalone) standalone_ = &n;
     if (mode_ == NodeMode::cluster) refresh_due_ = true;
@@ -90,8 +92,28 @@ void Router::note(int32_t status, const Node& n, std::string text) {
     failure_ = {status, std::move(text)};
 }
 
+int32_t Router::refuse_unnamed_sentinel(const Node& seed) {
+    if (seed.connection.mode() != NodeMode::sentinel) return KV_SUCCESS;
+    note(KV_INVALID_PARAMETER, seed, describe(seed.endpoint) +
+         " is a Sentinel: give the name of the master it watches (sentinel_master, KELVANE_SENTINEL_MASTER)");
+    return KV_INVALID_PARAMETER;
+}
+
+int32_t Router::connect_seed(Node& seed, Deadline deadline) {
+    try {
+        return connect(seed, deadline, settings_.connect_attempts);
+    } catch (...) {
+        seed.connection.close();  // whatever it had read is out of step now
+        throw;
+    }
+}
+
 int32_t Router::add_seed(const Endpoint& seed, std::shared_ptr<const NodeSettings> settings,
                          Deadline deadline) {
+    if (mode_ == NodeMode::sentinel) {
+        note_failure(KV_INVALID_PARAMETER, describe(seed) + " is a data node, the seeds before it Sentinels");
+        return KV_INVALID_PARAMETER;
+    }
     for (const Node* s : seeds_) {
         if (s->endpoint == seed) {
             note_failure(KV_ALREADY_EXISTS, describe(seed) + " is a seed already");
@@ -106,12 +128,10 @@ int32_t Router::add_seed(const Endpoint& seed, std::shared_ptr<const NodeSetting
     seeds_.push_back(&n);
 
     const NodeMode before = mode_;
-    int32_t status = KV_CONNECT_FAILED;
-    try {
-        status = connect(n, deadline, settings_.connect_attempts);
-    } catch (...) {
-        n.connection.close();  // whatever it had read is out of step now
-        throw;
+    const int32_t status = connect_seed(n, deadline);
+    if (status == KV_SUCCESS && refuse_unnamed_sentinel(n) != KV_SUCCESS) {
+        seeds_.pop_back();
+        return KV_INVALID_PARAMETER;
     }
     if (status == KV_SUCCESS && before != NodeMode::unknown && n.connection.mode() != before) {
         seeds_.pop_back();  // a standalone server cannot stand in for a cluster
@@ -132,11 +152,13 @@ int32_t Router::discover(Deadline deadline) {
     for (Node* seed : seeds_) {
         status = connect(*seed, deadline, settings_.connect_attempts);
         if (mode_ != NodeMode::unknown) return KV_SUCCESS;
+        if (status == KV_SUCCESS) status = refuse_unnamed_sentinel(*seed);
     }
     return status;
 }
 
 Router::Node* Router::route(uint16_t slot, Deadline deadline, int32_t* status) {
+    if (mode_ == NodeMode::sentinel) return sentinel_master(deadline, status);
     if (mode_ == NodeMode::unknown) {
         *status = discover(deadline);
         if (*status != KV_SUCCESS) return nullptr;
@@ -205,10 +227,10 @@ Router::Step Router::on_error_reply(const ServerError& error, Node& n, bool uses
             return Step::again();
         }
         case ErrorKind::read_only:
-            // A former master, now a replica: the map is stale.
-            if (mode_ != NodeMode::cluster) return Step::end(KV_SERVER_ERROR);
-            refresh_due_ = true;
-            return call.retry(KV_CLUSTER_DOWN) ? Step::again() : Step::end(call.failure);
+            // A former master, now a replica: the map, or the master the
+            // Sentinels named, is stale. Nothing ran.
+            if (!follows_failovers()) return Step::end(KV_SERVER_ERROR);
+            return call.retry(master_moved()) ? Step::again() : Step::end(call.failure);
         case ErrorKind::cluster_down:
             refresh_due_ = true;
             [[fallthrough]];
@@ -226,6 +248,16 @@ Router::Step Router::on_error_reply(const ServerError& error, Node& n, bool uses
     }
 }
 
+int32_t Router::master_moved() {
+    if (mode_ == NodeMode::sentinel) {
+        if (sentinels_.master != nullptr) sentinels_.master->connection.close();
+        sentinels_.master = nullptr;
+        return KV_NO_MASTER;
+    }
+    refresh_due_ = true;
+    return KV_CLUSTER_DOWN;
+}
+
 int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_functions,
                     Deadline deadline) {
     const std::string_view bytes = request.bytes();
@@ -236,12 +268,21 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
         int32_t status = KV_SUCCESS;
         Node* n = call.ask_target ? &node(*call.ask_target) : route(slot, deadline, &status);
         if (n == nullptr) {
-            if (mode_ != NodeMode::cluster || !call.retry(status)) return status;
+            // A cluster may serve the slot again soon, and the Sentinels name
+            // a master once a failover is through.
+            const bool may_come = mode_ == NodeMode::cluster || status == KV_NO_MASTER;
+            if (!may_come || !call.retry(status)) return status;
             continue;
         }
 
         status = connect(*n, deadline, settings_.connect_attempts);
         if (status != KV_SUCCESS) {
+            if (mode_ == NodeMode::sentinel) {
+                // Gone since the Sentinels named it: ask them again.
+                master_moved();
+                if (!call.retry(status)) return status;
+                continue;
+            }
             if (mode_ != NodeMode::cluster) {
                 // Another seed of a standalone store may answer instead.
                 if (++standalone_failures >= seeds_.size()) return status;
@@ -264,12 +305,10 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
                 if (!call.retry(KV_TIMEOUT)) return call.failure;
                 continue;
             }
-            if (mode_ == NodeMode::cluster && (status == kNodeIsReplica || is_transport(status))) {
+            if (follows_failovers() && (status == kNodeIsReplica || is_transport(status))) {
                 call.ask_target.reset();
-                refresh_due_ = true;
-                if (!call.retry(status == kNodeIsReplica ? KV_CLUSTER_DOWN : status)) {
-                    return call.failure;
-                }
+                const int32_t moved = master_moved();
+                if (!call.retry(status == kNodeIsReplica ? moved : status)) return call.failure;
                 continue;
             }
             if (status != KV_SUCCESS) return status == kNodeIsReplica ? KV_SERVER_ERROR : status;
@@ -350,8 +389,10 @@ int32_t Router::run_pinned(Request& request, ReplySink& sink, Deadline deadline)
         case ErrorKind::cluster_down:
         case ErrorKind::read_only:
         case ErrorKind::busy:
-            // Nothing ran; the next run() routes afresh.
-            if (error.kind == ErrorKind::moved || error.kind == ErrorKind::read_only) refresh_due_ = true;
+            // Nothing ran; the next run() routes afresh (a READONLY: the
+            // master has changed, and the map or the Sentinels say where).
+            if (error.kind == ErrorKind::moved) refresh_due_ = true;
+            if (error.kind == ErrorKind::read_only && follows_failovers()) master_moved();
             return kPinLost;
         default:
             return status_of(error.kind);

@@ -6,7 +6,9 @@
 // short back-off, and routes again when a node refuses the connection or
 // turns out to be a replica, all within the call's deadline. A command that
 // may have run is never sent a second time. With a standalone server all of
-// this reduces to the one connection to that server.
+// this reduces to the one connection to that server. Behind Redis Sentinel
+// it is the connection to the master the Sentinels name, found and followed
+// through failovers by router_sentinel.cpp.
 #ifndef KELVANE_ROUTER_H
 #define KELVANE_ROUTER_H
 
@@ -60,6 +62,16 @@ public:
                      Deadline deadline);
     bool has_seeds() const { return !seeds_.empty(); }
 
+    // Adds a seed that is a Sentinel watching the master named in settings,
+    // and, while no master is known, finds it now (asking this seed first).
+    // KV_SUCCESS; KV_ALREADY_EXISTS for a seed given before;
+    // KV_INVALID_PARAMETER next to seeds that are data nodes, for another
+    // master's name than the seeds before it, or for a seed that greets as a
+    // data node (it is not registered); KV_NO_MASTER when no Sentinel names
+    // a master that answers as one; or why the Sentinel or the master cannot
+    // be reached. Registered before anything is tried, as add_seed.
+    int32_t add_sentinel(const Endpoint& seed, const SeedSettings& settings, Deadline deadline);
+
     // Why the router last failed, in words, and with which status; the
     // client reports it when its call ends with that status.
     struct Failure {
@@ -97,8 +109,14 @@ private:
     };
 
     Node& node(const Endpoint& endpoint);
+    // KV_INVALID_PARAMETER, noted, for a seed given as a data node that
+    // greeted as a Sentinel; KV_SUCCESS for any other.
+    int32_t refuse_unnamed_sentinel(const Node& seed);
     // An open, live connection to n, connecting as needed.
     int32_t connect(Node& n, Deadline deadline, int attempts);
+    // connect() for a seed just registered, which stays registered whatever
+    // the attempt meets, running out of memory included.
+    int32_t connect_seed(Node& seed, Deadline deadline);
     // Finds out what the seeds are (standalone or cluster) when no seed has
     // answered yet.
     int32_t discover(Deadline deadline);
@@ -126,11 +144,62 @@ private:
         static Step end(int32_t status) { return Step{false, status}; }
     };
     Step on_error_reply(const ServerError& error, Node& n, bool uses_functions, Call& call);
+    // Whether the store's master may be another node soon (a cluster's slot
+    // map, the master the Sentinels name), so that a call that found none,
+    // or one that is no longer master, waits and routes again.
+    bool follows_failovers() const { return mode_ == NodeMode::cluster || mode_ == NodeMode::sentinel; }
+    // The node a call went to is not the master any more (READONLY, or it
+    // cannot be reached): look again. The status a call that runs out of
+    // time then answers.
+    int32_t master_moved();
     // ASKING, then command: for the node an ASK named.
     static std::string asking_then(std::string_view command);
     Deadline command_deadline(Deadline deadline) const {
         return deadline.within(settings_.command_timeout);
     }
+
+    // ---- A store behind Sentinels (router_sentinel.cpp) ----
+    struct Sentinels {
+        std::string master_name;
+        // Every Sentinel known, the seeds and those they named; the one that
+        // last named a master that answered as one first.
+        std::vector<std::unique_ptr<Node>> known;
+        std::vector<Endpoint> seeds;
+        // For the masters, and for the Sentinels the seeds name: the settings
+        // of the first seed that has credentials of that kind, else of the
+        // first seed.
+        std::shared_ptr<const NodeSettings> data_settings, named_settings;
+        Node* master = nullptr;  // answered ROLE as master when last connected
+        // Subscribed to the failover announcements of one Sentinel (watched);
+        // any bytes on it put the master in doubt.
+        NodeConnection watch;
+        Endpoint watched;
+        Clock::time_point last_asked{};
+    };
+    // route() behind Sentinels: the master, connected and confirmed by ROLE,
+    // asking the Sentinels again when it is in doubt; nullptr and *status
+    // when there is none just now.
+    Node* sentinel_master(Deadline deadline, int32_t* status);
+    // Asks the Sentinels (first, if given, first) for the master until one
+    // names a node that answers ROLE as master; each Sentinel gets a share of
+    // the time left. KV_SUCCESS with sentinels_.master set; KV_NO_MASTER
+    // when a Sentinel answered but none named a master that answered as one;
+    // a named master's own refusal (KV_AUTH_FAILED, KV_TLS_FAILED, ...);
+    // else why no Sentinel could be reached.
+    int32_t find_master(Deadline deadline, Node* first);
+    // Connects to n as needed and asks its role: KV_SUCCESS for a master,
+    // else the status with *why.
+    int32_t confirm_master(Node& n, Deadline deadline, std::string* why);
+    // Whether the watched Sentinel announced a failover (or went away) since
+    // the master was found, with *announcer that Sentinel, or, with no
+    // announcement to watch, it is time to ask again.
+    bool master_in_doubt(Node** announcer);
+    // Subscribes to the failovers the Sentinel announces, unless the watch
+    // is on it already.
+    void watch_sentinel(Node& sentinel, Deadline deadline);
+    void learn_sentinels(const std::vector<Endpoint>& named, std::vector<Node*>& order);
+    void drop_sentinel_seed(const Endpoint& seed);
+    Node& sentinel_node(const Endpoint& endpoint, bool* made);
 
     RouterSettings settings_;
     std::vector<std::unique_ptr<Node>> nodes_;
@@ -144,6 +213,7 @@ private:
     bool map_loaded_ = false;
     bool refresh_due_ = false;
     Clock::time_point last_refresh_{};
+    Sentinels sentinels_;
     Failure failure_;
 };
 

@@ -36,6 +36,7 @@ constexpr StatusText kStatuses[] = {
     {KV_TLS_FAILED, "KV_TLS_FAILED", "the TLS handshake failed"},
     {KV_CERT_REJECTED, "KV_CERT_REJECTED", "the server's certificate failed verification"},
     {KV_BAD_SETTINGS, "KV_BAD_SETTINGS", "a setting cannot be used"},
+    {KV_NO_MASTER, "KV_NO_MASTER", "the Sentinels named no master that answered as one before the deadline"},
 };
 
 const StatusText* find(int32_t status) {

@@ -1,6 +1,6 @@
 # private-servers.sh -- sourced by run-zset.sh: starting and stopping private Redis servers on fixed loopback
-# ports, one or a cluster of six, plaintext or TLS only, each in a directory of its own under a temporary directory,
-# with no persistence. The servers are children of the calling shell, so stop_servers finds every one by its process id.
+# ports, one, a cluster of six, or a master with replicas watched by Sentinels, plaintext or TLS only, each in a
+# directory of its own under a temporary directory, with no persistence. The servers are children of the calling shell, so stop_servers finds every one by its process id.
 
 server_pids=()
 # Set by use_tls: what makes the servers speak TLS only, and what redis-cli needs to talk to them.
@@ -47,7 +47,13 @@ start_server() {
   ((${#tls_server_args[@]})) && listen=(--port 0 --tls-port "$port" "${tls_server_args[@]}")
   "$bin" "${listen[@]}" --bind 127.0.0.1 --save '' --appendonly no --dir "$dir" --daemonize no \
     --logfile "$dir/server.log" "$@" >"$dir/server.out" 2>&1 &
-  local pid=$!
+  await_server $! "$port" "$dir"
+}
+
+# await_server PID PORT DIR: waits until the server just started as PID accepts connections on PORT; on failure
+# shows its output and log from DIR and returns 1.
+await_server() {
+  local pid=$1 port=$2 dir=$3
   server_pids+=("$pid")
   for _ in $(seq 200); do
     port_taken "$port" && return 0
@@ -56,6 +62,60 @@ start_server() {
   done
   echo "run-zset: the server on port $port did not start; its output and log:" >&2
   cat "$dir/server.out" "$dir/server.log" >&2 2>/dev/null
+  return 1
+}
+
+# start_sentinel BIN DIR PORT NAME MASTER_PORT: a Redis Sentinel on 127.0.0.1:PORT (TLS only after use_tls, and
+# talking TLS to the servers) watching the master on MASTER_PORT under NAME, with a quorum of two. Its
+# configuration file, which a Sentinel rewrites as it learns, lives in DIR.
+start_sentinel() {
+  local bin=$1 dir=$2 port=$3 name=$4 master=$5
+  mkdir -p "$dir"
+  {
+    if ((${#tls_server_args[@]})); then
+      printf 'port 0\ntls-port %s\ntls-replication yes\ntls-auth-clients yes\n' "$port"
+      printf 'tls-cert-file %s\ntls-key-file %s\ntls-ca-cert-file %s\n' "${tls_server_args[1]}" \
+        "${tls_server_args[3]}" "${tls_server_args[5]}"
+    else
+      printf 'port %s\n' "$port"
+    fi
+    printf 'bind 127.0.0.1\ndir %s\nlogfile %s\n' "$dir" "$dir/server.log"
+    printf 'sentinel monitor %s 127.0.0.1 %s 2\n' "$name" "$master"
+  } >"$dir/sentinel.conf"
+  "$bin" "$dir/sentinel.conf" --sentinel >"$dir/server.out" 2>&1 &
+  await_server $! "$port" "$dir"
+}
+
+# start_sentinels BIN CLI DIR NAME DATA_PORTS SENTINEL_PORTS: a master on the first of DATA_PORTS (a
+# space-separated list), a replica of it on each of the others, and a Sentinel watching it under NAME on each of
+# SENTINEL_PORTS; waited for until every replica is in sync and every Sentinel names the master (30 s at most).
+# After use_tls the replicas and Sentinels talk TLS to the master too.
+start_sentinels() {
+  local bin=$1 cli=$2 dir=$3 name=$4 data=($5) sentinels=($6) port
+  local master=${data[0]} tls_replication=()
+  ((${#tls_server_args[@]})) && tls_replication=(--tls-replication yes)
+  start_server "$bin" "$dir/$master" "$master" --repl-diskless-sync-delay 0 || return 1
+  for port in "${data[@]:1}"; do
+    start_server "$bin" "$dir/$port" "$port" --replicaof 127.0.0.1 "$master" \
+      ${tls_replication[@]+"${tls_replication[@]}"} || return 1
+  done
+  for port in "${sentinels[@]}"; do
+    start_sentinel "$bin" "$dir/$port" "$port" "$name" "$master" || return 1
+  done
+  local ask=("$cli" ${tls_cli_args[@]+"${tls_cli_args[@]}"} -h 127.0.0.1)
+  for _ in $(seq 300); do
+    local ready=1
+    for port in "${data[@]:1}"; do
+      "${ask[@]}" -p "$port" info replication 2>/dev/null | tr -d '\r' | grep -qx 'master_link_status:up' || ready=0
+    done
+    for port in "${sentinels[@]}"; do
+      "${ask[@]}" -p "$port" sentinel get-master-addr-by-name "$name" 2>/dev/null | grep -qx "$master" || ready=0
+    done
+    ((ready)) && return 0
+    sleep 0.1
+  done
+  echo "run-zset: the replicas and Sentinels did not settle within 30 s; what the replicas say:" >&2
+  for port in "${data[@]:1}"; do "${ask[@]}" -p "$port" info replication 2>&1 | head -n 6 >&2; done
   return 1
 }
 

@@ -23,10 +23,16 @@ messages and the list of failed cases go to standard error.
                        give it an empty database)
   --cluster            start a private Redis Cluster instead: 3 masters and 3
                        replicas on 127.0.0.1:12345-12350 (bus ports 22345-22350)
+  --sentinel           start a master watched by Redis Sentinel instead: the master
+                       on 127.0.0.1:12346, replicas on 12347 and 12348, Sentinels on
+                       12345, 12349 and 12350; zset's server, 127.0.0.1:12345, is a
+                       Sentinel, and zset names the master (kvmaster) through
+                       KELVANE_SENTINEL_MASTER in its environment
   --tls                the servers speak TLS only (no plaintext port) and require
                        client certificates, from a throwaway CA made with openssl in
                        the temporary directory; zset gets them through KELVANE_TLS_*
-                       in its environment (with --cluster: TLS between nodes too)
+                       in its environment (with --cluster: TLS between nodes too;
+                       with --sentinel: the Sentinels too, and to the servers)
   --junit FILE         write a JUnit XML report, one testcase per zset case (FILE is
                        replaced; the script stops first if it cannot write it)
   --timeout SECONDS    stop zset if it runs longer (default 600)
@@ -54,7 +60,7 @@ fail_setup() {
 caller_dir=$PWD
 absolute() { case $1 in /*) printf '%s\n' "$1" ;; *) printf '%s\n' "$caller_dir/$1" ;; esac; }
 
-library="" server_bin="" existing=0 cluster=0 tls=0 junit="" timeout_s=600 build_dir="" build=1
+library="" server_bin="" existing=0 cluster=0 sentinel=0 tls=0 junit="" timeout_s=600 build_dir="" build=1
 while (($#)); do
   case $1 in
     -h | --help) usage; exit 0 ;;
@@ -70,6 +76,7 @@ while (($#)); do
       shift ;;
     --existing-server) existing=1 ;;
     --cluster) cluster=1 ;;
+    --sentinel) sentinel=1 ;;
     --tls) tls=1 ;;
     --no-build) build=0 ;;
     *) fail_setup "unknown option $1 (see --help)" ;;
@@ -77,7 +84,9 @@ while (($#)); do
   shift
 done
 [[ $timeout_s =~ ^[1-9][0-9]*$ ]] || fail_setup "--timeout takes a whole number of seconds"
-((existing && (cluster || ${#server_bin}))) && fail_setup "--existing-server starts nothing: drop --cluster and --server-bin"
+((existing && (cluster || sentinel || ${#server_bin}))) &&
+  fail_setup "--existing-server starts nothing: drop --cluster, --sentinel and --server-bin"
+((cluster && sentinel)) && fail_setup "--cluster and --sentinel are two kinds of store: choose one"
 ((existing && tls)) && fail_setup "--tls makes certificates for the servers it starts: drop --existing-server"
 # A server program named with a slash is a path from where the caller stands; a bare name is looked up on PATH, as
 # a shell would.
@@ -101,7 +110,9 @@ if [ -n "$junit" ]; then
 fi
 
 ports=(12345)
-((cluster)) && ports=(12345 12346 12347 12348 12349 12350)
+((cluster || sentinel)) && ports=(12345 12346 12347 12348 12349 12350)
+# With --sentinel: the master first, then its replicas; the Sentinels, 12345 (zset's) among them.
+sentinel_data_ports="12346 12347 12348" sentinel_ports="12345 12349 12350" sentinel_master=kvmaster
 ports_free() {
   local port
   for port in "${ports[@]}"; do
@@ -117,7 +128,7 @@ if ((build)); then
   setup_options=()
   if ((!existing)) && [ -z "$server_bin" ]; then
     setup_options+=(--server)
-  elif ((cluster)); then
+  elif ((cluster || sentinel)); then
     setup_options+=(--cli)
   fi
   ((tls)) && setup_options+=(--tls)
@@ -176,11 +187,19 @@ else
       "KELVANE_TLS_CERT_FILE=$work/tls/client.crt" "KELVANE_TLS_KEY_FILE=$work/tls/client.key")
     echo "run-zset: TLS only, client certificates required; zset checks the servers' (verify-full)" >&2
   fi
-  if ((cluster)); then
+  if ((cluster || sentinel)); then
     cli=$(dirname "$server_bin")/redis-cli
-    [ -x "$cli" ] || cli=$(command -v redis-cli) || fail_setup "no redis-cli to form the cluster with"
+    [ -x "$cli" ] || cli=$(command -v redis-cli) || fail_setup "no redis-cli to form the cluster with or to ask the Sentinels"
+  fi
+  if ((cluster)); then
     echo "run-zset: starting a Redis Cluster on 127.0.0.1:12345-12350 ($server_bin)" >&2
     start_cluster "$server_bin" "$cli" "$work" "${ports[@]}" || fail_setup "the cluster would not start"
+  elif ((sentinel)); then
+    echo "run-zset: starting a master on 127.0.0.1:12346, replicas on 12347-12348 and Sentinels on 12345, 12349" \
+      "and 12350, watching it as $sentinel_master ($server_bin)" >&2
+    start_sentinels "$server_bin" "$cli" "$work" "$sentinel_master" "$sentinel_data_ports" "$sentinel_ports" ||
+      fail_setup "the master, its replicas and the Sentinels would not start"
+    zset_env+=("KELVANE_SENTINEL_MASTER=$sentinel_master")
   else
     echo "run-zset: starting $server_bin on 127.0.0.1:12345" >&2
     start_server "$server_bin" "$work/server" 12345 || fail_setup "the server would not start"

@@ -2,63 +2,22 @@
 // whole, failing masters over and moving slots.
 #include "redis_cluster.h"
 
-#include <hiredis/hiredis.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <set>
 #include <stdexcept>
 #include <thread>
 
+#include "node_commands.h"
 #include "redis_server.h"
 
 namespace kelvane_test {
 namespace {
-
-// A reply taken out of hiredis: an integer also as decimal text, failed for an error reply or none at all.
-struct NodeReply {
-    bool failed = true;
-    std::string str;  // the text, the error, or why there was no reply
-    std::vector<NodeReply> elements;
-};
-
-NodeReply own(const redisReply* r) {
-    NodeReply out;
-    out.failed = r->type == REDIS_REPLY_ERROR;
-    out.str = r->type == REDIS_REPLY_INTEGER ? std::to_string(r->integer) : std::string(r->str ? r->str : "", r->len);
-    for (size_t i = 0; i < r->elements; ++i) out.elements.push_back(own(r->element[i]));
-    return out;
-}
-
-// A reply as one line of text, to compare what nodes answer.
-std::string flat(const NodeReply& r) {
-    std::string out = r.str;
-    for (const auto& e : r.elements) out += "[" + flat(e) + "]";
-    return out;
-}
-
-std::string field_of(const std::string& text, const std::string& field) {
-    const size_t at = text.find("\n" + field + ":");
-    if (at == std::string::npos) return "";
-    const size_t from = at + field.size() + 2;
-    return text.substr(from, text.find('\r', from) - from);
-}
-
-template <class Done>
-bool poll_until(double timeout_s, Done done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout_s);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return true;
-}
 
 // A block of ports whose cluster bus ports (+10000) are free too, all below the kernel's range for the local
 // ports of outgoing connections: the test and the nodes connect to each other all the time, and a port one of
@@ -77,40 +36,6 @@ int free_block() {
         if (clear) return base;
     }
     throw std::runtime_error("no free block of ports for a cluster");
-}
-
-// Sends every command on one fresh connection before reading any reply. A connection that failed fails every
-// reply with its error.
-std::vector<NodeReply> node_pipeline(int port, const std::vector<Argv>& commands) {
-    std::unique_ptr<redisContext, void (*)(redisContext*)> c(
-        redisConnectWithTimeout("127.0.0.1", port, timeval{1, 0}), redisFree);
-    redisSetTimeout(c.get(), timeval{10, 0});
-    for (const auto& argv : commands) {
-        std::vector<const char*> ptrs;
-        std::vector<size_t> lens;
-        for (const auto& a : argv) {
-            ptrs.push_back(a.data());
-            lens.push_back(a.size());
-        }
-        redisAppendCommandArgv(c.get(), static_cast<int>(ptrs.size()), ptrs.data(), lens.data());
-    }
-    std::vector<NodeReply> replies;
-    for (size_t i = 0; i < commands.size(); ++i) {
-        void* raw = nullptr;
-        if (redisGetReply(c.get(), &raw) != REDIS_OK || raw == nullptr) {
-            replies.resize(commands.size(), NodeReply{true, c->errstr, {}});
-            break;
-        }
-        replies.push_back(own(static_cast<redisReply*>(raw)));
-        freeReplyObject(raw);
-    }
-    return replies;
-}
-
-NodeReply must_reply(int port, const Argv& argv) {
-    NodeReply r = node_pipeline(port, {argv}).front();
-    if (r.failed) throw std::runtime_error("node " + std::to_string(port) + ": " + argv[0] + " " + r.str);
-    return r;
 }
 
 }  // namespace
@@ -172,25 +97,7 @@ void RedisCluster::start(int port) {
                                  "yes", "--tls-replication", "yes", "--tls-auth-clients",
                                  tls_.tls_auth_clients ? "yes" : "no"});
     }
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    const pid_t parent = getpid();
-    node.pid = fork();
-    if (node.pid < 0) throw std::runtime_error("fork failed");
-    if (node.pid == 0) {
-        // A test process that dies without its destructors (a crash, a ctest timeout) takes its nodes along. The
-        // signal follows the thread that forked: nodes start in the constructor, on the test's own thread.
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != parent) _exit(127);
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
-    const bool up = poll_until(10, [&] {
-        if (waitpid(node.pid, nullptr, WNOHANG) != 0) node.pid = -1;
-        return node.pid < 0 || RedisServer::listening(port);
-    });
-    if (!up || node.pid < 0) throw std::runtime_error("redis-server did not start on " + std::to_string(port));
+    node.pid = spawn_server(args, port);
 }
 
 void RedisCluster::kill(int port) {

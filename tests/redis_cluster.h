@@ -18,11 +18,10 @@
 #include <vector>
 
 #include "kelvane.h"
+#include "node_commands.h"
 #include "redis_server.h"
 
 namespace kelvane_test {
-
-using Argv = std::vector<std::string>;
 
 // One slot on its way from one master to another (ports).
 struct Migration { int slot, source, target; };
@@ -132,13 +131,14 @@ using Clock = std::chrono::steady_clock;
 
 inline double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
-// Waits as zset's client does: 1 s to connect, 2 attempts, 2 s for a reply.
+// Waits as zset's client does (1 s to connect, 2 attempts, 2 s for a reply), or as it is told.
 class KvClient {
 public:
-    // The most any one call may take: connect attempts x connect timeout + command timeout.
+    // The most any one call of zset's client may take: connect attempts x connect timeout + command timeout.
     static constexpr double kCallBound_s = 2 * 1 + 2;
 
-    KvClient() : mm_(kv_mm_create(nullptr, nullptr, nullptr, 0)), client_(kv_client_create(1, 2, mm_, 2)) {
+    explicit KvClient(int32_t connect_s = 1, int32_t command_s = 2, int32_t attempts = 2)
+        : mm_(kv_mm_create(nullptr, nullptr, nullptr, 0)), client_(kv_client_create(connect_s, command_s, mm_, attempts)) {
         if (mm_ == nullptr || client_ == nullptr) throw std::runtime_error("cannot create a kelvane client");
     }
     ~KvClient() {
@@ -149,7 +149,11 @@ public:
     KvClient(const KvClient&) = delete;
     KvClient& operator=(const KvClient&) = delete;
 
-    int32_t add_seed(int port) { return kv_server_add(client_, "127.0.0.1", static_cast<uint32_t>(port), nullptr); }
+    int32_t add_seed(int port, const kv_server_options* options = nullptr) {
+        return options == nullptr ? kv_server_add(client_, "127.0.0.1", static_cast<uint32_t>(port), nullptr)
+                                  : kv_server_add_options(client_, "127.0.0.1", static_cast<uint32_t>(port), options);
+    }
+    kv_client* get() const { return client_; }
 
     int32_t zadd(const std::string& key, double score, const std::string& member) {
         return kv_zadd(client_, key.data(), key.size(), score, member.data(), member.size(), 0);

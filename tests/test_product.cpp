@@ -153,6 +153,24 @@ TEST(RunScript, TlsRunsOfAServerAndOfAClusterPassThroughTheEnvironment) {
     }
 }
 
+// --sentinel: a master with two replicas and three Sentinels, 12345 among them, zset given the master's name in its
+// environment. Twice in a row (new servers each time, so the time-to-live keys are new), then with TLS everywhere;
+// nothing is left running; refused before zset runs while one of its ports is taken.
+TEST(RunScript, SentinelRunsPassEachTimeAndLeaveNothingRunning) {
+    SKIP_UNLESS_ZSET_PORT_FREE();
+    for (const auto& args : std::vector<std::vector<std::string>>{{"--sentinel"}, {"--sentinel"}, {"--sentinel", "--tls"}}) {
+        const ScriptRun r = run_script(args);
+        EXPECT_EQ(r.run.exit_code, 0) << args.size() << "\n" << r.run.err;
+        EXPECT_EQ(parse_transcript(r.run.out).summary, summary_line(kCases, 0)) << r.run.err;
+        for (int port = 12345; port <= 12350; ++port) EXPECT_FALSE(RedisServer::listening(port)) << port;
+    }
+    RedisServer squatter(12349);
+    const ScriptRun r = run_script({"--sentinel"});
+    EXPECT_EQ(r.run.exit_code, 2);
+    EXPECT_EQ(r.run.out, "");
+    EXPECT_TRUE(has(r.run.err, "already listens on 127.0.0.1:12349")) << r.run.err;
+}
+
 // ---- The installed product -----------------------------------------------------
 
 const std::string kLib = KELVANE_INSTALL_LIBDIR, kBin = KELVANE_INSTALL_BINDIR;

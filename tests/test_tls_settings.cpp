@@ -159,8 +159,8 @@ TEST_F(Texts, StatusNamesLastErrorsAndVersion) {
     const std::vector<std::pair<int32_t, const char*>> names = {
         {KV_SUCCESS, "KV_SUCCESS"}, {KV_NOTFOUND, "KV_NOTFOUND"}, {KV_TIMEOUT, "KV_TIMEOUT"},
         {KV_NOT_PERMITTED, "KV_NOT_PERMITTED"}, {KV_TLS_FAILED, "KV_TLS_FAILED"},
-        {KV_CERT_REJECTED, "KV_CERT_REJECTED"}, {KV_BAD_SETTINGS, "KV_BAD_SETTINGS"}, {99, "unknown status"},
-        {-1, "unknown status"}};
+        {KV_CERT_REJECTED, "KV_CERT_REJECTED"}, {KV_BAD_SETTINGS, "KV_BAD_SETTINGS"}, {KV_NO_MASTER, "KV_NO_MASTER"},
+        {99, "unknown status"}, {-1, "unknown status"}};
     for (const auto& [status, name] : names) EXPECT_STREQ(kv_status_name(status), name);
     EXPECT_STREQ(kv_version(), KELVANE_VERSION_STRING);
     EXPECT_EQ(KELVANE_VERSION_NUMBER, 10100);
