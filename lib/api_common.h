@@ -64,7 +64,7 @@ inline Request& add_ttl(Request& request, int32_t ttl) {
 // Starts the client's request as a call of the function for op on key K.
 inline Request& function_call(kv_client* client, std::string_view op, const char* key,
                               std::size_t key_len) {
-    return start_function_call(client->request, op, key, key_len);
+    return start_function_call(client->request(), op, key, key_len);
 }
 
 // Runs the function call in the client's request and returns the function's

@@ -13,5 +13,5 @@ extern "C" const char* kv_status_name(int32_t status) {
 
 extern "C" const char* kv_last_error(const kv_client* client) {
     if (client == nullptr) return "no client (NULL)";
-    return client->last_error.c_str();
+    return client->last_error();
 }

@@ -13,7 +13,7 @@ extern "C" int32_t kv_del(kv_client* client, const char* key, size_t key_len) {
     return guarded(client, [&] {
         if (!kelvane::key_ok(client, key, key_len)) return KV_INVALID_PARAMETER;
         // One DEL takes both server keys at once, so no one sees half a key.
-        client->request.start().arg("DEL").server_key(key, key_len, "").server_key(
+        client->request().start().arg("DEL").server_key(key, key_len, "").server_key(
             key, key_len, kelvane::kValuesSuffix);
         PointReply reply(kelvane::kBareInteger);
         const int32_t status = client->run_command(key, key_len, reply);
@@ -30,7 +30,7 @@ extern "C" int32_t kv_get_ttl(kv_client* client, const char* key, size_t key_len
         if (!kelvane::key_ok(client, key, key_len) || ttl == nullptr) return KV_INVALID_PARAMETER;
         // The values hash always expires with the main key: the main key's
         // time-to-live is the kelvane key's.
-        client->request.start().arg("PTTL").server_key(key, key_len, "");
+        client->request().start().arg("PTTL").server_key(key, key_len, "");
         PointReply reply(kelvane::kBareInteger);
         const int32_t status = client->run_command(key, key_len, reply);
         if (status != KV_SUCCESS) return status;

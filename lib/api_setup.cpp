@@ -55,9 +55,9 @@ int32_t add_server(kv_client* client, const char* host, uint32_t port,
     // A socket path names the server alone: the port plays no part.
     const kelvane::Endpoint seed{host, path ? 0 : static_cast<int>(port)};
     if (!settings.sentinel_master.empty()) {
-        return client->router.add_sentinel(seed, settings, client->deadline);
+        return client->router.add_sentinel(seed, settings, client->deadline());
     }
-    return client->router.add_seed(seed, std::move(settings.data), client->deadline);
+    return client->router.add_seed(seed, std::move(settings.data), client->deadline());
 }
 
 // Whether the caller's options structure reaches past a member that ends at

@@ -19,37 +19,59 @@ kelvane::ReadPath kelvane::read_path_from_environment() {
     return ReadPath::automatic;
 }
 
+uint64_t kv_client::next_id() {
+    static std::atomic<uint64_t> clients{0};
+    return clients.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
 std::string_view kv_client::next_tag() {
-    const char* end = std::to_chars(tag_, tag_ + sizeof tag_, ++calls_).ptr;
-    return std::string_view(tag_, static_cast<std::size_t>(end - tag_));
+    kelvane::CallState& call = kelvane::this_call();
+    const uint64_t n = calls_.fetch_add(1, std::memory_order_relaxed) + 1;
+    const char* end = std::to_chars(call.tag, call.tag + sizeof call.tag, n).ptr;
+    call.tag_len = static_cast<std::size_t>(end - call.tag);
+    return call.tag_text();
 }
 
 int32_t kv_client::run_function(const char* key, std::size_t key_len, kelvane::ReplySink& sink) {
     // Every function takes the tag as its last argument and answers it as
     // the last element of its reply.
     const std::string_view tag = next_tag();
-    request.arg(tag);
+    kelvane::CallState& call = kelvane::this_call();
+    call.request.arg(tag);
     sink.expect_tag(tag, kelvane::TagPlace::last_element);
-    return router.run(request, kelvane::key_slot(key, key_len), sink, true, deadline);
+    return router.run(call.request, kelvane::key_slot(key, key_len), sink, true, call.deadline);
 }
 
 int32_t kv_client::run_command(const char* key, std::size_t key_len, kelvane::ReplySink& sink) {
     const std::string_view tag = next_tag();
-    request.then_ping(tag);
+    kelvane::CallState& call = kelvane::this_call();
+    call.request.then_ping(tag);
     sink.expect_tag(tag, kelvane::TagPlace::own_reply);
-    return router.run(request, kelvane::key_slot(key, key_len), sink, false, deadline);
+    return router.run(call.request, kelvane::key_slot(key, key_len), sink, false, call.deadline);
+}
+
+int32_t kv_client::run_held(const char* key, std::size_t key_len, kelvane::ReplySink& sink) {
+    const std::string_view tag = next_tag();
+    kelvane::CallState& call = kelvane::this_call();
+    call.request.then_ping(tag);
+    sink.expect_tag(tag, kelvane::TagPlace::own_reply);
+    return router.run(call.request, kelvane::key_slot(key, key_len), sink, false, call.deadline, true);
 }
 
 int32_t kv_client::run_pinned(kelvane::ReplySink& sink) {
     const std::string_view tag = next_tag();
-    request.then_ping(tag);
+    kelvane::CallState& call = kelvane::this_call();
+    call.request.then_ping(tag);
     sink.expect_tag(tag, kelvane::TagPlace::own_reply);
-    return router.run_pinned(request, sink, deadline);
+    return router.run_pinned(call.request, sink, call.deadline);
 }
 
 bool kv_client::uses_function_for(const kelvane::Selection& sel, bool with_values) const {
     if (reads == kelvane::ReadPath::functions) return true;
-    if (reads == kelvane::ReadPath::native || !with_values || functions_refused_) return false;
+    if (reads == kelvane::ReadPath::native || !with_values ||
+        functions_refused_.load(std::memory_order_relaxed)) {
+        return false;
+    }
     // How many members the read can hold at most, where its arguments say.
     constexpr long long kFew = 64;
     long long most = kFew + 1;
@@ -64,16 +86,21 @@ bool kv_client::uses_function_for(const kelvane::Selection& sel, bool with_value
 bool kv_client::functions_refused(int32_t status) {
     if (reads != kelvane::ReadPath::automatic) return false;
     if (status != KV_NOT_PERMITTED && status != KV_LIBRARY_MISMATCH && status != KV_SERVER_FULL) return false;
-    functions_refused_ = true;
+    functions_refused_.store(true, std::memory_order_relaxed);
     return true;
 }
 
-void kv_client::finish_call(int32_t status) {
+void kv_client::finish_call(int32_t status) const {
+    kelvane::CallState& call = kelvane::this_call();
+    kelvane::LastErrors& errors = kelvane::LastErrors::of_this_thread();
     if (!kelvane::is_failure(status)) {
-        last_error.clear();
+        errors.clear(id);
     } else {
-        const kelvane::Router::Failure& why = router.failure();
-        last_error = why.status == status && !why.text.empty() ? why.text : kelvane::status_meaning(status);
+        const kelvane::Failure& why = call.failure;
+        errors.set(id, why.status == status && !why.text.empty() ? std::string_view(why.text)
+                                                                 : kelvane::status_meaning(status));
     }
-    router.forget_failure();
+    call.forget_failure();
 }
+
+const char* kv_client::last_error() const { return kelvane::LastErrors::of_this_thread().get(id); }

@@ -45,6 +45,9 @@ public:
         return left > Clock::duration::zero() ? left : Clock::duration::zero();
     }
 
+    // The moment itself, for waits on a clock.
+    Clock::time_point at() const { return at_; }
+
     // The earlier of this deadline and one d from now.
     Deadline within(Clock::duration d) const { return Deadline(std::min(at_, later(Clock::now(), d))); }
 

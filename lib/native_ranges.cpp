@@ -84,7 +84,7 @@ int32_t without_values(kv_client* client, const char* key, std::size_t key_len,
     bool with_exists = false;
     for (;;) {
         const Envelope& envelope = with_exists ? attempts.envelope() : kPlain;
-        Request& r = client->request.start();
+        Request& r = client->request().start();
         open_envelope(r, envelope, key, key_len);
         add_zrange(r, key, key_len, sel, reverse, result.with_scores());
         if (with_exists) r.command(2, "EXISTS").server_key(key, key_len, "");
@@ -104,7 +104,7 @@ int32_t with_values_table(kv_client* client, const char* key, std::size_t key_le
     ReadAttempts attempts(*client);
     for (;;) {
         const Envelope& envelope = attempts.envelope();
-        Request& r = client->request.start();
+        Request& r = client->request().start();
         open_envelope(r, envelope, key, key_len);
         add_zrange(r, key, key_len, sel, reverse, result.with_scores());
         r.values_command(2, "HGETALL").server_key(key, key_len, kValuesSuffix);
@@ -126,6 +126,10 @@ int32_t with_values_table(kv_client* client, const char* key, std::size_t key_le
 // the connection in between, and the read ends it with EXEC (or UNWATCH)
 // whatever happens, so that no later transaction meets it. This is the one
 // place where state on the server spans two round trips of a call.
+//
+// Other threads share the connection: the read keeps it to itself from the
+// WATCH (run_held) until the EXEC or UNWATCH, so that no other call's
+// commands run under its WATCH, nor its check under theirs.
 class Watch {
 public:
     explicit Watch(kv_client* client) : client_(client) {}
@@ -135,14 +139,19 @@ public:
 
     void set() { held_ = true; }
     // An EXEC went out on the connection: it ends any WATCH.
-    void ended() { held_ = false; }
-    void release() {
-        if (!held_) return;
+    void ended() {
         held_ = false;
-        ValueReply reply;
-        client_->request.start().command(1, "UNWATCH");
-        // Should this fail too, the connection is closed, and the WATCH with it.
-        client_->run_pinned(reply);
+        client_->release_pin();
+    }
+    void release() {
+        if (held_) {
+            held_ = false;
+            ValueReply reply;
+            client_->request().start().command(1, "UNWATCH");
+            // Should this fail too, the connection is closed, and the WATCH with it.
+            client_->run_pinned(reply);
+        }
+        client_->release_pin();
     }
 
 private:
@@ -155,12 +164,12 @@ int32_t with_values_watched(kv_client* client, const char* key, std::size_t key_
     constexpr Envelope kOpen{true, false, false}, kCheck{false, false, true};
     for (int attempt = 0; attempt < kWatchedAttempts; ++attempt) {
         Watch watch(client);
-        Request& r = client->request.start();
+        Request& r = client->request().start();
         open_envelope(r, kOpen, key, key_len);
         add_zrange(r, key, key_len, sel, reverse, result.with_scores());
         r.values_command(2, "HLEN").server_key(key, key_len, kValuesSuffix);
         NativeRangeReply first(result, {RangePart::items, RangePart::values_count}, kOpen);
-        int32_t status = client->run_command(key, key_len, first);
+        int32_t status = client->run_held(key, key_len, first);
         watch.set();  // if the connection is gone, so is the WATCH
         if (status == kKeyMoving) break;
         if (status != KV_SUCCESS) return status;
@@ -177,7 +186,7 @@ int32_t with_values_watched(kv_client* client, const char* key, std::size_t key_
         }
         // The values of just those members, or EXISTS for an empty range;
         // the check runs only if neither key changed since the WATCH.
-        Request& second = client->request.start();
+        Request& second = client->request().start();
         if (n != 0) {
             std::size_t bytes = 64;
             for (std::size_t i = 0; i < n; ++i) bytes += result.member(i).size() + 16;

@@ -40,7 +40,7 @@ public:
     // Sends the read and takes its replies into reply (made by reply()).
     int32_t run(kv_client* client, const char* key, std::size_t key_len, std::string_view member,
                 NativePointReply& reply) const {
-        Request& r = client->request.start();
+        Request& r = client->request().start();
         open_envelope(r, envelope_, key, key_len);
         r.command(3, command_).server_key(key, key_len, "").arg(member);
         if (with_value_) r.values_command(3, "HGET").server_key(key, key_len, kValuesSuffix).arg(member);
@@ -124,7 +124,7 @@ int32_t zrank(kv_client* client, const char* key, std::size_t key_len, std::stri
 
 int32_t count(kv_client* client, const char* key, std::size_t key_len, const double* bounds,
               uint32_t* count) {
-    Request& r = client->request.start();
+    Request& r = client->request().start();
     if (bounds != nullptr) {
         r.command(4, "ZCOUNT").server_key(key, key_len, "").score(bounds[0]).score(bounds[1]);
     } else {

@@ -2,6 +2,7 @@
 // replies.
 #include "node_connection.h"
 
+#include "call_state.h"
 #include "kelvane.h"
 #include "request.h"
 #include "secret.h"
@@ -11,41 +12,44 @@ namespace kelvane {
 
 int32_t NodeConnection::open(const Endpoint& endpoint, const NodeSettings& settings,
                              Deadline connect_deadline, Deadline deadline) {
-    close();
+    refused_ = false;
+    mode_.store(NodeMode::unknown, std::memory_order_release);
     const std::string where = describe(endpoint);
-    int32_t status = socket_.connect(endpoint.host, endpoint.port, connect_deadline);
+    if (!pipeline_.wait_closed(connect_deadline)) {
+        failure_ = where + ": the old connection was still in use at the deadline";
+        return KV_CONNECT_FAILED;
+    }
+    Socket socket;
+    int32_t status = socket.connect(endpoint.host, endpoint.port, connect_deadline);
+    refused_ = socket.refused();
     if (status == KV_SUCCESS && settings.tls) {
         // The name the certificate must carry: the one given for the whole
         // store, or the address this node was reached by.
         const std::string& name = !settings.server_name.empty() ? settings.server_name
                                   : is_socket_path(endpoint.host) ? settings.server_name
                                                                   : endpoint.host;
-        status = socket_.start_tls(*settings.tls, name, connect_deadline);
+        status = socket.start_tls(*settings.tls, name, connect_deadline);
     }
     if (status != KV_SUCCESS) {
-        failure_ = where + ": " + socket_.failure();
+        failure_ = where + ": " + socket.failure();
         return status;
     }
-    reader_ = make_reader();
-    if (!reader_) {
-        close();
+    Reader reader = make_reader();
+    if (!reader) {
         failure_ = where + ": out of memory";
         return KV_NO_MEMORY;
     }
+    pipeline_.start(std::move(socket), std::move(reader));
     status = greet(settings, deadline);
     if (status != KV_SUCCESS) {
         failure_ = where + ": " + failure_;
         close();
+        mode_.store(NodeMode::unknown, std::memory_order_release);
         return status;
     }
-    ++sessions_;
+    sessions_.fetch_add(1, std::memory_order_acq_rel);
+    pipeline_.ready();
     return status;
-}
-
-void NodeConnection::close() noexcept {
-    socket_.close();
-    reader_.reset();
-    mode_ = NodeMode::unknown;
 }
 
 int32_t NodeConnection::greet(const NodeSettings& settings, Deadline deadline) {
@@ -57,8 +61,8 @@ int32_t NodeConnection::greet(const NodeSettings& settings, Deadline deadline) {
     hello.start().arg("HELLO").arg("2");
     if (settings.credentials) hello.arg("AUTH").arg(settings.credentials->user).arg(password);
     ValueReply reply;
-    const bool tls = socket_.is_tls();  // a failed exchange closes the socket
-    const Exchange done = exchange(hello.bytes(), {&reply}, deadline);
+    const bool tls = pipeline_.is_tls();  // a failed exchange closes the socket
+    const Exchange done = exchange_as(hello.bytes(), {&reply}, deadline, false, true);
     hello.wipe();
     if (done.status != KV_SUCCESS) {
         // A TLS server drops a plaintext client without a word, and a client
@@ -70,10 +74,10 @@ int32_t NodeConnection::greet(const NodeSettings& settings, Deadline deadline) {
         }
         if (done.status == KV_CONNECTION_LOST) {
             failure_ = "the server closed the connection after the TLS handshake: it wants a client "
-                       "certificate, or does not trust ours (" + failure_ + ")";
+                       "certificate, or does not trust ours (" + done.why + ")";
             return KV_TLS_FAILED;
         }
-        failure_ = "greeting: " + failure_;
+        failure_ = "greeting: " + done.why;
         return done.status;
     }
     if (reply.is_error()) {
@@ -89,69 +93,28 @@ int32_t NodeConnection::greet(const NodeSettings& settings, Deadline deadline) {
         return KV_SERVER_ERROR;
     }
     const Value* mode = reply.value().field("mode");
-    mode_ = mode == nullptr            ? NodeMode::standalone
-            : mode->text == "cluster"  ? NodeMode::cluster
-            : mode->text == "sentinel" ? NodeMode::sentinel
-                                       : NodeMode::standalone;
+    mode_.store(mode == nullptr            ? NodeMode::standalone
+                : mode->text == "cluster"  ? NodeMode::cluster
+                : mode->text == "sentinel" ? NodeMode::sentinel
+                                           : NodeMode::standalone,
+                std::memory_order_release);
     return KV_SUCCESS;
 }
 
 Exchange NodeConnection::exchange(std::string_view bytes, std::initializer_list<ReplySink*> sinks,
-                                  Deadline deadline) {
-    for (ReplySink* sink : sinks) sink->reset();
-    if (!reader_) return Exchange{KV_CONNECTION_LOST, false};
-    int32_t status = socket_.send_all(bytes, deadline);
-    const bool sent = status == KV_SUCCESS;
-    for (auto sink = sinks.begin(); status == KV_SUCCESS && sink != sinks.end(); ++sink) {
-        for (std::size_t r = 0, n = (*sink)->replies(); status == KV_SUCCESS && r < n; ++r) {
-            status = read_reply(**sink, deadline);
-        }
-        if (status == KV_SUCCESS) (*sink)->replies_read();
-        if (status == KV_SUCCESS && (*sink)->tag_follows()) {
-            (*sink)->start_tag_reply();
-            status = read_reply(**sink, deadline);
-        }
-    }
-    // Bytes after the last reply answer nothing that was asked: the stream
-    // is out of step, and the replies just read may be some other
-    // command's. Neither they nor the connection are used.
-    if (status == KV_SUCCESS && reader_->pos < reader_->len) {
-        status = KV_SERVER_ERROR;
-        failure_ = "the server sent more than the replies asked for";
-    }
-    if (status != KV_SUCCESS) {
-        // A TLS stream that breaks once the greeting went through is a lost
-        // connection like any other.
-        if (status == KV_TLS_FAILED && mode_ != NodeMode::unknown) status = KV_CONNECTION_LOST;
-        if (status == KV_TIMEOUT || status == KV_CONNECTION_LOST || status == KV_TLS_FAILED) {
-            failure_ = socket_.failure();
-        }
-        close();
-        return Exchange{status, sent};
-    }
-    last_alive_ = Clock::now();
-    return Exchange{KV_SUCCESS, true};
+                                  Deadline deadline, bool hold) {
+    return exchange_as(bytes, sinks, deadline, hold, false);
 }
 
-int32_t NodeConnection::read_reply(ReplySink& sink, Deadline deadline) {
-    set_sink(reader_.get(), &sink);
-    for (;;) {
-        void* reply = nullptr;
-        // A reply that does not fit its command, or a protocol error, leaves
-        // the stream out of step: nothing after it can be trusted.
-        if (redisReaderGetReply(reader_.get(), &reply) != REDIS_OK) {
-            failure_ = "the server's reply does not fit its command, or breaks the protocol";
-            return sink.failure() != KV_SUCCESS ? sink.failure() : KV_SERVER_ERROR;
-        }
-        if (reply != nullptr) return KV_SUCCESS;
-        std::size_t received = 0;
-        const int32_t status = socket_.receive(buffer_.data(), buffer_.size(), deadline, &received);
-        if (status != KV_SUCCESS) return status;
-        if (redisReaderFeed(reader_.get(), buffer_.data(), received) != REDIS_OK) {
-            failure_ = "out of memory for the reply";
-            return KV_NO_MEMORY;
-        }
-    }
+Exchange NodeConnection::exchange_as(std::string_view bytes, std::initializer_list<ReplySink*> sinks,
+                                     Deadline deadline, bool hold, bool opener) {
+    Exchange done = pipeline_.exchange(bytes, sinks, deadline, &this_call(), hold, opener);
+    // A TLS stream that breaks once the greeting went through is a lost
+    // connection like any other.
+    if (done.status == KV_TLS_FAILED && !opener) done.status = KV_CONNECTION_LOST;
+    return done;
 }
+
+void NodeConnection::release() { pipeline_.release(&this_call()); }
 
 }  // namespace kelvane

@@ -39,7 +39,7 @@ public:
             return false;
         }
         if (*status != KV_SUCCESS || !reply.watch_failed()) return false;
-        if (!client_.deadline.passed()) return true;
+        if (!client_.deadline().passed()) return true;
         *status = KV_TIMEOUT;
         return false;
     }

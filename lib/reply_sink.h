@@ -64,6 +64,8 @@ public:
         tag_place_ = place;
     }
     bool tag_follows() const { return tag_place_ == TagPlace::own_reply; }
+    std::string_view tag() const { return tag_; }
+    TagPlace tag_place() const { return tag_place_; }
     // The next reply the reader delivers is the tag's own.
     void start_tag_reply() { in_tag_reply_ = true; }
 
@@ -163,6 +165,19 @@ struct Value {
     // The element after the string element named key in a flat key-value
     // array, or nullptr.
     const Value* field(std::string_view key) const;
+};
+
+// Takes any reply and keeps nothing of it, but still checks its tag: the
+// reply of a call that stopped waiting for it, read so that the connection
+// stays in step for the calls after it.
+class DiscardReply final : public ReplySink {
+private:
+    bool take_text(const ReplyPosition&, bool, const char*, std::size_t) override { return true; }
+    bool take_array(const ReplyPosition&, std::size_t) override { return true; }
+    bool take_integer(const ReplyPosition&, long long) override { return true; }
+    bool take_nil(const ReplyPosition&) override { return true; }
+    bool take_error(const ReplyPosition&, const char*, std::size_t) override { return true; }
+    void clear() override {}
 };
 
 class ValueReply final : public ReplySink {

@@ -38,134 +38,20 @@ bool is_transport(int32_t status) {
 
 }  // namespace
 
-Router::Node& Router::node(const Endpoint& endpoint) {
-    for (auto& n : nodes_) {
-        if (n->endpoint == endpoint) return *n;
-    }
-    auto fresh = std::make_unique<Node>();
-    fresh->endpoint = endpoint;
-    // Nodes the cluster names use the settings of the first seed that has
-    // credentials, or else of the first seed: the nodes of one cluster share
-    // their users and their certificates' issuer.
-    for (const Node* seed : seeds_) {
-        if (!fresh->settings || seed->settings->credentials) fresh->settings = seed->settings;
-        if (seed->settings->credentials) break;
-    }
-    if (!fresh->settings) fresh->settings = std::make_shared<const NodeSettings>();
-    nodes_.push_back(std::move(fresh));
-    return *nodes_.back();
-}
-
-void Router::learn_mode(Node& n) {
-    // A Sentinel leads to a store only by a master's name (add_sentinel).
-    const NodeMode greeted = n.connection.mode();
-    if (mode_ != NodeMode::unknown || greeted == NodeMode::unknown || greeted == NodeMode::sentinel) return;
-    mode_ = n.connection.mode();
-    if (mode_ == NodeMode::standalone) standalone_ = &n;
-    if (mode_ == NodeMode::cluster) refresh_due_ = true;
-}
-
-int32_t Router::connect(Node& n, Deadline deadline, int attempts) {
-    if (n.connection.is_open()) {
-        if (n.connection.usable()) return KV_SUCCESS;
-        n.connection.close();  // the server closed it: a restart, a kill, a timeout
-    }
-    int32_t status = KV_CONNECT_FAILED;
-    for (int attempt = 0; attempt < attempts && !deadline.passed(); ++attempt) {
-        status = n.connection.open(n.endpoint, *n.settings,
-                                   deadline.within(settings_.connect_timeout),
-                                   command_deadline(deadline));
-        if (status == KV_SUCCESS) {
-            learn_mode(n);
-            return status;
-        }
-        note(status, n, n.connection.failure());
-        // Only a failure to reach the server is worth another attempt, and
-        // not a refusal: nothing listens there now.
-        if (status != KV_CONNECT_FAILED || n.connection.refused()) break;
-    }
-    return status;
-}
-
-void Router::note(int32_t status, const Node& n, std::string text) {
-    redact(text, n.settings->password());
-    failure_ = {status, std::move(text)};
-}
-
-int32_t Router::refuse_unnamed_sentinel(const Node& seed) {
-    if (seed.connection.mode() != NodeMode::sentinel) return KV_SUCCESS;
-    note(KV_INVALID_PARAMETER, seed, describe(seed.endpoint) +
-         " is a Sentinel: give the name of the master it watches (sentinel_master, KELVANE_SENTINEL_MASTER)");
-    return KV_INVALID_PARAMETER;
-}
-
-int32_t Router::connect_seed(Node& seed, Deadline deadline) {
-    try {
-        return connect(seed, deadline, settings_.connect_attempts);
-    } catch (...) {
-        seed.connection.close();  // whatever it had read is out of step now
-        throw;
-    }
-}
-
-int32_t Router::add_seed(const Endpoint& seed, std::shared_ptr<const NodeSettings> settings,
-                         Deadline deadline) {
-    if (mode_ == NodeMode::sentinel) {
-        note_failure(KV_INVALID_PARAMETER, describe(seed) + " is a data node, the seeds before it Sentinels");
-        return KV_INVALID_PARAMETER;
-    }
-    for (const Node* s : seeds_) {
-        if (s->endpoint == seed) {
-            note_failure(KV_ALREADY_EXISTS, describe(seed) + " is a seed already");
-            return KV_ALREADY_EXISTS;
-        }
-    }
-    // Everything that may run out of memory comes before the seed is
-    // registered, and registering it cannot fail: once in, it stays.
-    seeds_.reserve(seeds_.size() + 1);
-    Node& n = node(seed);
-    n.settings = std::move(settings);
-    seeds_.push_back(&n);
-
-    const NodeMode before = mode_;
-    const int32_t status = connect_seed(n, deadline);
-    if (status == KV_SUCCESS && refuse_unnamed_sentinel(n) != KV_SUCCESS) {
-        seeds_.pop_back();
-        return KV_INVALID_PARAMETER;
-    }
-    if (status == KV_SUCCESS && before != NodeMode::unknown && n.connection.mode() != before) {
-        seeds_.pop_back();  // a standalone server cannot stand in for a cluster
-        note(KV_INVALID_PARAMETER, n, describe(seed) + (before == NodeMode::cluster
-                                                            ? " is a standalone server, the others a cluster"
-                                                            : " is a cluster node, the others standalone"));
-        return KV_INVALID_PARAMETER;
-    }
-    if (status != KV_SUCCESS) return status;
-    // This seed answered just now: it is asked first, so that a silent seed
-    // given before it costs nothing.
-    if (mode_ == NodeMode::cluster && !map_loaded_) return refresh(deadline, nullptr, &n);
-    return KV_SUCCESS;
-}
-
-int32_t Router::discover(Deadline deadline) {
-    int32_t status = KV_NO_SERVER;
-    for (Node* seed : seeds_) {
-        status = connect(*seed, deadline, settings_.connect_attempts);
-        if (mode_ != NodeMode::unknown) return KV_SUCCESS;
-        if (status == KV_SUCCESS) status = refuse_unnamed_sentinel(*seed);
-    }
-    return status;
-}
-
 Router::Node* Router::route(uint16_t slot, Deadline deadline, int32_t* status) {
-    if (mode_ == NodeMode::sentinel) return sentinel_master(deadline, status);
-    if (mode_ == NodeMode::unknown) {
+    NodeMode mode = mode_.load(std::memory_order_acquire);
+    if (mode == NodeMode::sentinel) return sentinel_master(deadline, status);
+    if (mode == NodeMode::unknown) {
         *status = discover(deadline);
         if (*status != KV_SUCCESS) return nullptr;
+        mode = mode_.load(std::memory_order_acquire);
     }
-    if (mode_ == NodeMode::standalone) return standalone_;
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (mode == NodeMode::standalone) return standalone_;
     if (!map_loaded_ || refresh_due_) {
+        lock.unlock();
         const int32_t refreshed = refresh(deadline, nullptr);
+        lock.lock();
         if (!map_loaded_) {
             *status = refreshed;
             return nullptr;
@@ -177,7 +63,7 @@ Router::Node* Router::route(uint16_t slot, Deadline deadline, int32_t* status) {
         *status = KV_CLUSTER_DOWN;
         return nullptr;
     }
-    return &node(*master);
+    return &node_locked(*master);
 }
 
 // One call's way round the loop: the deadline, the back-off between
@@ -214,11 +100,12 @@ Router::Step Router::on_error_reply(const ServerError& error, Node& n, bool uses
     switch (error.kind) {
         case ErrorKind::moved:
         case ErrorKind::ask: {
-            if (mode_ != NodeMode::cluster) return Step::end(KV_SERVER_ERROR);
+            if (mode_.load() != NodeMode::cluster) return Step::end(KV_SERVER_ERROR);
             Endpoint target = *error.target;
             if (target.host.empty()) target.host = n.endpoint.host;
             if (!call.redirected(++call.redirections)) return Step::end(call.failure);
             if (error.kind == ErrorKind::moved) {
+                const std::lock_guard<std::mutex> lock(mutex_);
                 map_.set_master(static_cast<uint16_t>(error.slot), target);
                 refresh_due_ = true;
             } else {
@@ -232,7 +119,7 @@ Router::Step Router::on_error_reply(const ServerError& error, Node& n, bool uses
             if (!follows_failovers()) return Step::end(KV_SERVER_ERROR);
             return call.retry(master_moved()) ? Step::again() : Step::end(call.failure);
         case ErrorKind::cluster_down:
-            refresh_due_ = true;
+            refresh_soon();
             [[fallthrough]];
         case ErrorKind::try_again:
         case ErrorKind::busy:
@@ -249,7 +136,8 @@ Router::Step Router::on_error_reply(const ServerError& error, Node& n, bool uses
 }
 
 int32_t Router::master_moved() {
-    if (mode_ == NodeMode::sentinel) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (mode_.load() == NodeMode::sentinel) {
         if (sentinels_.master != nullptr) sentinels_.master->connection.close();
         sentinels_.master = nullptr;
         return KV_NO_MASTER;
@@ -259,7 +147,7 @@ int32_t Router::master_moved() {
 }
 
 int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_functions,
-                    Deadline deadline) {
+                    Deadline deadline, bool hold) {
     const std::string_view bytes = request.bytes();
     Call call(deadline);
     std::size_t standalone_failures = 0;
@@ -270,37 +158,40 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
         if (n == nullptr) {
             // A cluster may serve the slot again soon, and the Sentinels name
             // a master once a failover is through.
-            const bool may_come = mode_ == NodeMode::cluster || status == KV_NO_MASTER;
+            const bool may_come = mode_.load() == NodeMode::cluster || status == KV_NO_MASTER;
             if (!may_come || !call.retry(status)) return status;
             continue;
         }
 
         status = connect(*n, deadline, settings_.connect_attempts);
         if (status != KV_SUCCESS) {
-            if (mode_ == NodeMode::sentinel) {
+            const NodeMode mode = mode_.load();
+            if (mode == NodeMode::sentinel) {
                 // Gone since the Sentinels named it: ask them again.
                 master_moved();
                 if (!call.retry(status)) return status;
                 continue;
             }
-            if (mode_ != NodeMode::cluster) {
+            if (mode != NodeMode::cluster) {
                 // Another seed of a standalone store may answer instead.
+                const std::lock_guard<std::mutex> lock(mutex_);
                 if (++standalone_failures >= seeds_.size()) return status;
                 const auto at = std::find(seeds_.begin(), seeds_.end(), n) - seeds_.begin();
-                standalone_ = seeds_[static_cast<std::size_t>(at + 1) % seeds_.size()];
+                // Another thread may have moved on already: then that stands.
+                if (standalone_ == n) standalone_ = seeds_[static_cast<std::size_t>(at + 1) % seeds_.size()];
                 continue;
             }
             // The node is gone, perhaps failing over: ask the others where
             // the slot lives now.
             call.ask_target.reset();
-            refresh_due_ = true;
+            refresh_soon();
             refresh(deadline, n);
             if (!call.retry(status)) return status;
             continue;
         }
 
-        if (uses_functions && !n->library_checked) {
-            status = ensure_function_library(n->connection, command_deadline(deadline));
+        if (uses_functions) {
+            status = check_library(*n, deadline);
             if (status == kNodeIsBusy) {
                 if (!call.retry(KV_TIMEOUT)) return call.failure;
                 continue;
@@ -312,7 +203,6 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
                 continue;
             }
             if (status != KV_SUCCESS) return status == kNodeIsReplica ? KV_SERVER_ERROR : status;
-            n->library_checked = true;
         }
 
         const bool main_key_only = call.main_key_only_on == n;
@@ -322,27 +212,30 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
         sink.expect_main_key_only(main_key_only);
         Exchange done{};
         if (asking) {
+            // ASKING covers the one command after it: the two go as one
+            // request, which no other call's can come between.
             ValueReply asking_reply;
             done = n->connection.exchange(asking_then(command), {&asking_reply, &sink},
                                           command_deadline(deadline));
             call.ask_target.reset();
         } else {
-            done = n->connection.exchange(command, {&sink}, command_deadline(deadline));
+            done = n->connection.exchange(command, {&sink}, command_deadline(deadline), hold);
         }
         if (done.status != KV_SUCCESS) {
-            note(done.status, *n, describe(n->endpoint) + ": " + n->connection.failure());
+            note(done.status, *n, describe(n->endpoint) + ": " + done.why);
             // Once sent, the command may have run: it is never sent again.
             if (done.sent) {
-                if (mode_ == NodeMode::cluster) refresh_due_ = true;
+                if (mode_.load() == NodeMode::cluster) refresh_soon();
                 return done.status;
             }
             call.failure = done.status;  // the connection had gone stale: a new one
             call.failed = true;
             continue;
         }
-        last_node_ = n;
-        last_session_ = n->connection.session();
+        Pin& pin = this_call().pin;
+        pin = Pin{this, &n->connection, n, n->connection.session(), hold && !asking};
         if (!sink.is_error()) return KV_SUCCESS;
+        release_pin();  // an error reply leaves nothing on the connection to rely on
         const ServerError error = classify_error(sink.error());
         // A slot in migration, and the node would not take both server keys
         // of a kelvane key because it lacks one. Where the values hash exists
@@ -368,16 +261,18 @@ int32_t Router::run(Request& request, uint16_t slot, ReplySink& sink, bool uses_
 }
 
 int32_t Router::run_pinned(Request& request, ReplySink& sink, Deadline deadline) {
-    Node* n = last_node_;
-    if (n == nullptr || !n->connection.is_open() || n->connection.session() != last_session_) {
-        return kPinLost;
-    }
+    const Pin& pin = this_call().pin;
+    if (pin.router != this || pin.connection == nullptr) return kPinLost;
+    Node* n = static_cast<Node*>(const_cast<void*>(pin.node));
+    if (!n->connection.is_open() || n->connection.session() != pin.session) return kPinLost;
     sink.expect_main_key_only(false);
     const Exchange done = n->connection.exchange(request.bytes(), {&sink}, command_deadline(deadline));
     if (done.status != KV_SUCCESS) {
-        note(done.status, *n, describe(n->endpoint) + ": " + n->connection.failure());
-        if (mode_ == NodeMode::cluster) refresh_due_ = true;
-        return done.status;
+        note(done.status, *n, describe(n->endpoint) + ": " + done.why);
+        if (mode_.load() == NodeMode::cluster) refresh_soon();
+        // Not sent: whatever the first request left there is gone with the
+        // connection, or cannot be relied on.
+        return done.sent ? done.status : kPinLost;
     }
     if (!sink.is_error()) return KV_SUCCESS;
     const ServerError error = classify_error(sink.error());
@@ -391,12 +286,18 @@ int32_t Router::run_pinned(Request& request, ReplySink& sink, Deadline deadline)
         case ErrorKind::busy:
             // Nothing ran; the next run() routes afresh (a READONLY: the
             // master has changed, and the map or the Sentinels say where).
-            if (error.kind == ErrorKind::moved) refresh_due_ = true;
+            if (error.kind == ErrorKind::moved) refresh_soon();
             if (error.kind == ErrorKind::read_only && follows_failovers()) master_moved();
             return kPinLost;
         default:
             return status_of(error.kind);
     }
+}
+
+void Router::release_pin() {
+    Pin& pin = this_call().pin;
+    if (pin.router == this && pin.held && pin.connection != nullptr) pin.connection->release();
+    pin.held = false;
 }
 
 }  // namespace kelvane

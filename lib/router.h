@@ -9,17 +9,31 @@
 // this reduces to the one connection to that server. Behind Redis Sentinel
 // it is the connection to the master the Sentinels name, found and followed
 // through failovers by router_sentinel.cpp.
+//
+// Any number of threads route through one router at once. What they share
+// (the seeds, the nodes, the mode, the slot map, the Sentinels and the master
+// they named) is kept under one lock, never held across a network wait: a
+// node's connection is opened by one thread at a time while the others wait
+// for it within their own deadlines, and a refresh of the slot map, or a
+// search for the master, is made by one thread while the others go on with
+// what is known, or, knowing nothing, wait for it within their own deadlines.
+// Each call's own state (its failure, the connection it pinned) is the
+// calling thread's (call_state.h).
 #ifndef KELVANE_ROUTER_H
 #define KELVANE_ROUTER_H
 
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "call_state.h"
 #include "deadline.h"
 #include "endpoint.h"
 #include "node_connection.h"
@@ -60,7 +74,6 @@ public:
     // meets (running out of memory included): later calls try it again.
     int32_t add_seed(const Endpoint& seed, std::shared_ptr<const NodeSettings> settings,
                      Deadline deadline);
-    bool has_seeds() const { return !seeds_.empty(); }
 
     // Adds a seed that is a Sentinel watching the master named in settings,
     // and, while no master is known, finds it now (asking this seed first).
@@ -72,26 +85,21 @@ public:
     // be reached. Registered before anything is tried, as add_seed.
     int32_t add_sentinel(const Endpoint& seed, const SeedSettings& settings, Deadline deadline);
 
-    // Why the router last failed, in words, and with which status; the
-    // client reports it when its call ends with that status.
-    struct Failure {
-        int32_t status = 0;
-        std::string text;
-    };
-    const Failure& failure() const { return failure_; }
-    void note_failure(int32_t status, std::string text) { failure_ = {status, std::move(text)}; }
-    void forget_failure() {
-        if (failure_.status == 0) return;  // the usual case, on every call: nothing to free
-        failure_.status = 0;
-        failure_.text.clear();
+    // Why the router last failed this thread's call, in words, and with
+    // which status; the client reports it when its call ends with that
+    // status.
+    static void note_failure(int32_t status, std::string text) {
+        this_call().failure = Failure{status, std::move(text)};
     }
 
     // Sends request to the node that serves slot and reads its reply into
     // sink. KV_SUCCESS once a reply that is not an error arrived; otherwise
     // the status that ends the call. uses_functions: the node must hold the
     // function library first.
+    // hold: a reply that is not an error leaves the connection to this call
+    // alone (NodeConnection::exchange) until release_pin().
     int32_t run(Request& request, uint16_t slot, ReplySink& sink, bool uses_functions,
-                Deadline deadline);
+                Deadline deadline, bool hold = false);
 
     // Sends request over the very connection the last exchange of run()
     // used, without routing, reconnecting or retrying: for a request that
@@ -99,16 +107,38 @@ public:
     // once a reply that is not an error arrived; kPinLost; or the status an
     // error ends the call with.
     int32_t run_pinned(Request& request, ReplySink& sink, Deadline deadline);
+    // Lets other calls use the connection a held run() kept, if any.
+    void release_pin();
 
 private:
     struct Node {
         Endpoint endpoint;
-        std::shared_ptr<const NodeSettings> settings;
+        std::shared_ptr<const NodeSettings> settings;  // under mutex_
         NodeConnection connection;
-        bool library_checked = false;
+        // One thread opens the connection at a time; the others wait, each
+        // within its deadline, and take its result when it failed just now.
+        std::timed_mutex opening;
+        std::atomic<uint64_t> opened{0};  // openings ended
+        int32_t last_open = 0;            // how the last ended, under opening
+        std::string last_open_failure;
+        // The function library has been found there; one thread checks at a
+        // time.
+        std::atomic<bool> library_checked{false};
+        std::timed_mutex checking_library;
     };
 
-    Node& node(const Endpoint& endpoint);
+    // The node at endpoint, made if new; with mutex_ held, and without.
+    Node& node_locked(const Endpoint& endpoint);
+    Node& node(const Endpoint& endpoint) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return node_locked(endpoint);
+    }
+    std::shared_ptr<const NodeSettings> settings_of(const Node& n) const {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return n.settings;
+    }
+    // The function library on n: KV_SUCCESS once it is known to be there.
+    int32_t check_library(Node& n, Deadline deadline);
     // KV_INVALID_PARAMETER, noted, for a seed given as a data node that
     // greeted as a Sentinel; KV_SUCCESS for any other.
     int32_t refuse_unnamed_sentinel(const Node& seed);
@@ -129,7 +159,7 @@ private:
     int32_t refresh(Deadline deadline, const Node* avoid, const Node* first = nullptr);
     void learn_mode(Node& n);
     // Records why talking to n failed (never with its password in it).
-    void note(int32_t status, const Node& n, std::string text);
+    void note(int32_t status, const Node& n, std::string text) const;
     // After the master of a migrating slot refused both server keys of a
     // kelvane key (TRYAGAIN): whether it holds the main key and neither it
     // nor the importing node the values hash.
@@ -147,11 +177,18 @@ private:
     // Whether the store's master may be another node soon (a cluster's slot
     // map, the master the Sentinels name), so that a call that found none,
     // or one that is no longer master, waits and routes again.
-    bool follows_failovers() const { return mode_ == NodeMode::cluster || mode_ == NodeMode::sentinel; }
+    bool follows_failovers() const {
+        const NodeMode mode = mode_.load(std::memory_order_acquire);
+        return mode == NodeMode::cluster || mode == NodeMode::sentinel;
+    }
     // The node a call went to is not the master any more (READONLY, or it
     // cannot be reached): look again. The status a call that runs out of
     // time then answers.
     int32_t master_moved();
+    void refresh_soon() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        refresh_due_ = true;
+    }
     // ASKING, then command: for the node an ASK named.
     static std::string asking_then(std::string_view command);
     Deadline command_deadline(Deadline deadline) const {
@@ -178,8 +215,13 @@ private:
     };
     // route() behind Sentinels: the master, connected and confirmed by ROLE,
     // asking the Sentinels again when it is in doubt; nullptr and *status
-    // when there is none just now.
+    // when there is none just now. One thread asks at a time (searching_).
     Node* sentinel_master(Deadline deadline, int32_t* status);
+    // Waits, within the deadline, until no other thread searches for the
+    // master, and then searches itself: KV_SUCCESS with the search to make;
+    // KV_NO_MASTER when the deadline came first.
+    int32_t start_search(std::unique_lock<std::mutex>& lock, Deadline deadline);
+    void end_search();
     // Asks the Sentinels (first, if given, first) for the master until one
     // names a node that answers ROLE as master; each Sentinel gets a share of
     // the time left. KV_SUCCESS with sentinels_.master set; KV_NO_MASTER
@@ -202,19 +244,20 @@ private:
     Node& sentinel_node(const Endpoint& endpoint, bool* made);
 
     RouterSettings settings_;
-    std::vector<std::unique_ptr<Node>> nodes_;
-    // The node and connection of run()'s last exchange that came whole.
-    Node* last_node_ = nullptr;
-    uint64_t last_session_ = 0;
+    mutable std::mutex mutex_;  // over everything below but mode_ (atomic)
+    std::condition_variable changed_;  // a refresh or a search for the master ended
+    std::vector<std::unique_ptr<Node>> nodes_;  // never shrinks: a Node lives as long as the router
     std::vector<Node*> seeds_;
-    NodeMode mode_ = NodeMode::unknown;
+    std::atomic<NodeMode> mode_{NodeMode::unknown};
     Node* standalone_ = nullptr;  // the server, in standalone mode
     SlotMap map_;
     bool map_loaded_ = false;
     bool refresh_due_ = false;
+    bool refreshing_ = false;  // a thread asks the nodes for the map
     Clock::time_point last_refresh_{};
     Sentinels sentinels_;
-    Failure failure_;
+    bool searching_ = false;  // a thread asks the Sentinels for the master
+    std::vector<std::unique_ptr<Node>> retired_;  // Sentinel seeds refused: kept while others may hold them
 };
 
 }  // namespace kelvane

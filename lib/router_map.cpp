@@ -27,40 +27,64 @@ std::string Router::asking_then(std::string_view command) {
 }
 
 int32_t Router::refresh(Deadline deadline, const Node* avoid, const Node* first) {
-    if (map_loaded_ && Clock::now() - last_refresh_ < kRefreshSpacing) return KV_SUCCESS;
-    std::vector<Endpoint> candidates;
-    if (first != nullptr) candidates.push_back(first->endpoint);
-    for (const Endpoint& e : map_.nodes()) candidates.push_back(e);
-    for (const Node* seed : seeds_) candidates.push_back(seed->endpoint);
+    std::vector<Node*> candidates;
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        // One thread asks at a time. The others go on with the map in hand
+        // (a redirection puts them right), or, with none yet, wait for it
+        // within their deadlines.
+        while (refreshing_) {
+            if (map_loaded_) return KV_SUCCESS;
+            if (changed_.wait_until(lock, deadline.at()) == std::cv_status::timeout && refreshing_) {
+                return KV_CLUSTER_DOWN;
+            }
+        }
+        if (map_loaded_ && Clock::now() - last_refresh_ < kRefreshSpacing) return KV_SUCCESS;
+        refreshing_ = true;
+        if (first != nullptr) candidates.push_back(&node_locked(first->endpoint));
+        for (const Endpoint& e : map_.nodes()) candidates.push_back(&node_locked(e));
+        for (Node* seed : seeds_) candidates.push_back(seed);
+    }
     for (auto at = candidates.begin(); at != candidates.end(); ++at) {
         candidates.erase(std::remove(at + 1, candidates.end(), *at), candidates.end());
     }
     if (avoid != nullptr) {
         // The node that just failed is asked last.
-        std::stable_partition(candidates.begin(), candidates.end(),
-                              [&](const Endpoint& e) { return e != avoid->endpoint; });
+        std::stable_partition(candidates.begin(), candidates.end(), [&](const Node* n) { return n != avoid; });
     }
     std::optional<ClusterView> best;
     int32_t status = KV_CONNECT_FAILED;  // why there is no answer, while there is none
-    for (const Endpoint& endpoint : candidates) {
-        if (deadline.passed()) break;
-        Node& n = node(endpoint);
-        ClusterView view;
-        int32_t asked = connect(n, deadline, 1);
-        const bool connected = asked == KV_SUCCESS;
-        if (connected) asked = ask_cluster_view(n.connection, n.endpoint, command_deadline(deadline), &view);
-        // A node that serves no slot (one that belongs to no cluster, or has
-        // lost its configuration) has nothing to tell.
-        if (asked == KV_SUCCESS && view.map.covered() == 0) asked = KV_CLUSTER_DOWN;
-        if (asked != KV_SUCCESS) {
-            // A failed connection has said why already.
-            if (connected) note(asked, n, describe(n.endpoint) + " gave no slot map (" + status_name(asked) + ")");
-            status = asked;
-            continue;
+    try {
+        for (Node* candidate : candidates) {
+            if (deadline.passed()) break;
+            Node& n = *candidate;
+            ClusterView view;
+            int32_t asked = connect(n, deadline, 1);
+            const bool connected = asked == KV_SUCCESS;
+            if (connected) asked = ask_cluster_view(n.connection, n.endpoint, command_deadline(deadline), &view);
+            // A node that serves no slot (one that belongs to no cluster, or
+            // has lost its configuration) has nothing to tell.
+            if (asked == KV_SUCCESS && view.map.covered() == 0) asked = KV_CLUSTER_DOWN;
+            if (asked != KV_SUCCESS) {
+                // A failed connection has said why already.
+                if (connected) {
+                    note(asked, n, describe(n.endpoint) + " gave no slot map (" + status_name(asked) + ")");
+                }
+                status = asked;
+                continue;
+            }
+            if (!best || better_view(view, *best)) best = std::move(view);
+            if (best->map.covered() == kSlotCount) break;
         }
-        if (!best || better_view(view, *best)) best = std::move(view);
-        if (best->map.covered() == kSlotCount) break;
+    } catch (...) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        refreshing_ = false;
+        changed_.notify_all();
+        throw;
     }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    refreshing_ = false;
+    changed_.notify_all();
     if (!best) return status;  // the map in hand, if any, stays
     map_ = std::move(best->map);
     map_loaded_ = true;
@@ -89,7 +113,7 @@ bool Router::values_hash_nowhere(Node& source, const Request& request, Deadline 
     if (elsewhere.kind != ErrorKind::ask) return false;
     Endpoint target = *elsewhere.target;
     if (target.host.empty()) target.host = source.endpoint.host;
-    Node& importing = node(target);
+    Node& importing = node(target);  // (takes the lock)
     if (connect(importing, deadline, 1) != KV_SUCCESS) return false;
     ValueReply asking, values_there;
     const Exchange there = importing.connection.exchange(

@@ -58,72 +58,145 @@ Router::Node& Router::sentinel_node(const Endpoint& endpoint, bool* made) {
 
 int32_t Router::add_sentinel(const Endpoint& seed, const SeedSettings& settings, Deadline deadline) {
     Sentinels& s = sentinels_;
-    if (!seeds_.empty()) {
-        note_failure(KV_INVALID_PARAMETER, describe(seed) + " is a Sentinel, the seeds before it data nodes");
-        return KV_INVALID_PARAMETER;
-    }
-    if (!s.seeds.empty() && settings.sentinel_master != s.master_name) {
-        note_failure(KV_INVALID_PARAMETER, describe(seed) + " is given for the master " +
-                                               quoted(settings.sentinel_master) + ", the seeds before it for " +
-                                               quoted(s.master_name) + ": a client reaches one store");
-        return KV_INVALID_PARAMETER;
-    }
-    if (std::find(s.seeds.begin(), s.seeds.end(), seed) != s.seeds.end()) {
-        note_failure(KV_ALREADY_EXISTS, describe(seed) + " is a seed already");
-        return KV_ALREADY_EXISTS;
-    }
-    // Everything that may run out of memory comes before the seed is
-    // registered, and registering it cannot fail: once in, it stays.
-    s.seeds.reserve(s.seeds.size() + 1);
-    Endpoint registered = seed;
-    std::string name = s.seeds.empty() ? settings.sentinel_master : s.master_name;
+    Node* registered = nullptr;
     bool made = false;
-    Node& n = sentinel_node(seed, &made);
-    n.settings = settings.sentinel;
-    s.master_name = std::move(name);
-    mode_ = NodeMode::sentinel;
-    if (!s.data_settings || (!s.data_settings->credentials && settings.data->credentials)) {
-        s.data_settings = settings.data;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (!seeds_.empty()) {
+            note_failure(KV_INVALID_PARAMETER, describe(seed) + " is a Sentinel, the seeds before it data nodes");
+            return KV_INVALID_PARAMETER;
+        }
+        if (!s.seeds.empty() && settings.sentinel_master != s.master_name) {
+            note_failure(KV_INVALID_PARAMETER, describe(seed) + " is given for the master " +
+                                                   quoted(settings.sentinel_master) + ", the seeds before it for " +
+                                                   quoted(s.master_name) + ": a client reaches one store");
+            return KV_INVALID_PARAMETER;
+        }
+        if (std::find(s.seeds.begin(), s.seeds.end(), seed) != s.seeds.end()) {
+            note_failure(KV_ALREADY_EXISTS, describe(seed) + " is a seed already");
+            return KV_ALREADY_EXISTS;
+        }
+        // Everything that may run out of memory comes before the seed is
+        // registered, and registering it cannot fail: once in, it stays.
+        s.seeds.reserve(s.seeds.size() + 1);
+        retired_.reserve(retired_.size() + 1);
+        Endpoint endpoint = seed;
+        std::string name = s.seeds.empty() ? settings.sentinel_master : s.master_name;
+        Node& n = sentinel_node(seed, &made);
+        n.settings = settings.sentinel;
+        s.master_name = std::move(name);
+        mode_.store(NodeMode::sentinel, std::memory_order_release);
+        if (!s.data_settings || (!s.data_settings->credentials && settings.data->credentials)) {
+            s.data_settings = settings.data;
+        }
+        if (!s.named_settings || (!s.named_settings->credentials && settings.sentinel->credentials)) {
+            s.named_settings = settings.sentinel;
+        }
+        s.seeds.push_back(std::move(endpoint));
+        registered = &n;
     }
-    if (!s.named_settings || (!s.named_settings->credentials && settings.sentinel->credentials)) {
-        s.named_settings = settings.sentinel;
-    }
-    s.seeds.push_back(std::move(registered));
-
+    Node& n = *registered;
     const int32_t status = connect_seed(n, deadline);
+    std::unique_lock<std::mutex> lock(mutex_);
     if (status == KV_SUCCESS && n.connection.mode() != NodeMode::sentinel) {
         note(KV_INVALID_PARAMETER, n,
              describe(seed) + " is not a Sentinel: it greets as a data node (give it without a master's name)");
-        s.seeds.pop_back();
-        if (made) s.known.pop_back();
+        s.seeds.erase(std::find(s.seeds.begin(), s.seeds.end(), seed));
+        if (made) {
+            // Out of the Sentinels asked; kept alive, since another call may
+            // be asking it just now.
+            const auto at = std::find_if(s.known.begin(), s.known.end(),
+                                         [&](const std::unique_ptr<Node>& k) { return k.get() == &n; });
+            retired_.push_back(std::move(*at));
+            s.known.erase(at);
+        }
         if (s.seeds.empty()) {  // as if it had never been given
             s.master_name.clear();
             s.data_settings.reset();
             s.named_settings.reset();
-            mode_ = NodeMode::unknown;
+            mode_.store(NodeMode::unknown, std::memory_order_release);
         }
         return KV_INVALID_PARAMETER;
     }
     if (status != KV_SUCCESS || s.master != nullptr) return status;
     // This seed answered just now: it is asked first, so that a silent
     // Sentinel given before it costs nothing.
-    return find_master(deadline, &n);
+    const int32_t started = start_search(lock, deadline);
+    if (started != KV_SUCCESS) return started;
+    lock.unlock();
+    int32_t found = KV_NO_MASTER;
+    try {
+        found = find_master(deadline, &n);
+    } catch (...) {
+        end_search();
+        throw;
+    }
+    end_search();
+    return found;
+}
+
+int32_t Router::start_search(std::unique_lock<std::mutex>& lock, Deadline deadline) {
+    while (searching_) {
+        if (changed_.wait_until(lock, deadline.at()) == std::cv_status::timeout && searching_) {
+            note_failure(KV_NO_MASTER, "no master named " + quoted(sentinels_.master_name) +
+                                           ": another call was still asking the Sentinels at the deadline");
+            return KV_NO_MASTER;
+        }
+    }
+    searching_ = true;
+    return KV_SUCCESS;
+}
+
+void Router::end_search() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    searching_ = false;
+    changed_.notify_all();
 }
 
 Router::Node* Router::sentinel_master(Deadline deadline, int32_t* status) {
     Sentinels& s = sentinels_;
+    std::unique_lock<std::mutex> lock(mutex_);
     Node* announcer = nullptr;
-    if (s.master != nullptr && !master_in_doubt(&announcer)) {
-        Node& m = *s.master;
-        if (m.connection.is_open() && m.connection.usable()) return &m;
-        // A new connection may meet a node that is a replica by now.
-        std::string why;
-        if (confirm_master(m, deadline, &why) == KV_SUCCESS) return &m;
+    Node* known = nullptr;
+    // While another call asks the Sentinels, the master it will name is
+    // waited for.
+    while (searching_) {
+        if (changed_.wait_until(lock, deadline.at()) == std::cv_status::timeout && searching_) {
+            note_failure(KV_NO_MASTER, "no master named " + quoted(s.master_name) +
+                                           ": another call was still asking the Sentinels at the deadline");
+            *status = KV_NO_MASTER;
+            return nullptr;
+        }
     }
-    s.master = nullptr;
-    // The Sentinel that announced a failover knows of it: it is asked first.
-    *status = find_master(deadline, announcer);
-    return *status == KV_SUCCESS ? s.master : nullptr;
+    known = s.master;
+    if (known != nullptr && !master_in_doubt(&announcer) && known->connection.is_open() &&
+        known->connection.usable()) {
+        return known;
+    }
+    searching_ = true;
+    lock.unlock();
+    Node* found = nullptr;
+    try {
+        std::string why;
+        // A new connection may meet a node that is a replica by now.
+        if (known != nullptr && announcer == nullptr && confirm_master(*known, deadline, &why) == KV_SUCCESS) {
+            found = known;
+        } else {
+            {
+                const std::lock_guard<std::mutex> relock(mutex_);
+                s.master = nullptr;
+            }
+            // The Sentinel that announced a failover knows of it: it is asked first.
+            *status = find_master(deadline, announcer);
+            const std::lock_guard<std::mutex> relock(mutex_);
+            found = *status == KV_SUCCESS ? s.master : nullptr;
+        }
+    } catch (...) {
+        end_search();
+        throw;
+    }
+    end_search();
+    return found;
 }
 
 bool Router::master_in_doubt(Node** announcer) {
@@ -139,7 +212,7 @@ bool Router::master_in_doubt(Node** announcer) {
 void Router::watch_sentinel(Node& sentinel, Deadline deadline) {
     Sentinels& s = sentinels_;
     s.watch.close();
-    if (s.watch.open(sentinel.endpoint, *sentinel.settings, deadline.within(settings_.connect_timeout),
+    if (s.watch.open(sentinel.endpoint, *settings_of(sentinel), deadline.within(settings_.connect_timeout),
                      command_deadline(deadline)) != KV_SUCCESS ||
         watch_failovers(s.watch, command_deadline(deadline)) != KV_SUCCESS) {
         s.watch.close();
@@ -161,7 +234,7 @@ int32_t Router::confirm_master(Node& n, Deadline deadline, std::string* why) {
     int32_t status = connect(n, deadline, 1);
     if (status != KV_SUCCESS) {
         const bool unreachable = status == KV_CONNECT_FAILED || status == KV_TIMEOUT || status == KV_CONNECTION_LOST;
-        *why = (unreachable ? "cannot be reached (" : "turned the client away (") + n.connection.failure() + ")";
+        *why = (unreachable ? "cannot be reached (" : "turned the client away (") + this_call().failure.text + ")";
         return status;
     }
     std::string role;
@@ -180,9 +253,14 @@ int32_t Router::confirm_master(Node& n, Deadline deadline, std::string* why) {
 int32_t Router::find_master(Deadline deadline, Node* first) {
     Sentinels& s = sentinels_;
     std::vector<Node*> order;
-    if (first != nullptr) order.push_back(first);
-    for (auto& n : s.known) {
-        if (n.get() != first) order.push_back(n.get());
+    std::shared_ptr<const NodeSettings> data_settings;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (first != nullptr) order.push_back(first);
+        for (auto& n : s.known) {
+            if (n.get() != first) order.push_back(n.get());
+        }
+        data_settings = s.data_settings;
     }
     std::vector<Endpoint> failed_masters;  // named, and found no master, in this round
     std::string why;
@@ -198,7 +276,7 @@ int32_t Router::find_master(Deadline deadline, Node* first) {
         int32_t asked = connect(sentinel, share, 1);
         if (asked != KV_SUCCESS) {
             unreached = asked;
-            say("Sentinel " + sentinel.connection.failure());
+            say("Sentinel " + this_call().failure.text);
             continue;
         }
         if (sentinel.connection.mode() != NodeMode::sentinel) {
@@ -217,7 +295,10 @@ int32_t Router::find_master(Deadline deadline, Node* first) {
             continue;
         }
         answered = true;
-        learn_sentinels(view.sentinels, order);
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            learn_sentinels(view.sentinels, order);
+        }
         if (!view.knows_name) {
             if (s.watch.is_open() && s.watched == sentinel.endpoint) s.watch.close();  // it announces nothing of ours
             say(where + " watches no master named " + quoted(s.master_name));
@@ -228,11 +309,17 @@ int32_t Router::find_master(Deadline deadline, Node* first) {
             say(named + " too");
             continue;
         }
-        Node& candidate = node(view.master);
-        candidate.settings = s.data_settings;
+        Node* named_node = nullptr;
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            named_node = &node_locked(view.master);
+            named_node->settings = data_settings;
+        }
+        Node& candidate = *named_node;
         std::string not_master;
         const int32_t confirmed = confirm_master(candidate, share, &not_master);
         if (confirmed == KV_SUCCESS) {
+            const std::lock_guard<std::mutex> lock(mutex_);
             s.master = &candidate;
             s.last_asked = Clock::now();
             // The Sentinel that knew is asked first from now on.
@@ -245,6 +332,7 @@ int32_t Router::find_master(Deadline deadline, Node* first) {
         if (refuses_settings(confirmed)) refused = confirmed;
         say(named + ", which " + not_master);
     }
+    std::unique_lock<std::mutex> lock(mutex_);
     s.last_asked = Clock::now();
     // No time was left to ask: what the last round found stands.
     if (why.empty()) return KV_NO_MASTER;

@@ -178,14 +178,18 @@ bool Socket::kernel_wait(int option, Micros& current, Micros left) {
     return true;
 }
 
-int32_t Socket::timed_out(const char* why) {
-    failure_ = why;
+int32_t Socket::timed_out(std::string& into, const char* why) {
+    into = why;
     return KV_TIMEOUT;
 }
 
-int32_t Socket::lost(const char* why) {
-    failure_ = std::string(why) + std::strerror(errno);
+int32_t Socket::lost(std::string& into, const char* why) {
+    into = std::string(why) + std::strerror(errno);
     return KV_CONNECTION_LOST;
+}
+
+void Socket::shut_down() noexcept {
+    if (fd_ >= 0) ::shutdown(fd_, SHUT_RDWR);
 }
 
 int Socket::wait_ready(short events, Deadline deadline) const {
@@ -200,19 +204,20 @@ int Socket::wait_ready(short events, Deadline deadline) const {
     }
 }
 
-int32_t Socket::send_all(std::string_view bytes, Deadline deadline) {
+int32_t Socket::send_all(std::string_view bytes, Deadline deadline, std::size_t* written) {
+    std::size_t& done = *written;
+    done = 0;
     if (fd_ < 0) return KV_CONNECTION_LOST;
-    if (tls_) return tls_->send_all(bytes, deadline, &failure_);
-    std::size_t done = 0;
+    if (tls_) return tls_->send_all(bytes, deadline, written, &send_failure_);
     bool precise = false;  // the kernel's timeout has run out once: the rest is ppoll's
     while (done < bytes.size()) {
         const auto left = std::chrono::duration_cast<Micros>(deadline.remaining());
-        if (left <= Micros::zero()) return timed_out("could not send within the deadline");
+        if (left <= Micros::zero()) return timed_out(send_failure_, "could not send within the deadline");
         int flags = MSG_NOSIGNAL;
         if (precise || !kernel_wait(SO_SNDTIMEO, send_timeout_, left)) {
             const int ready = wait_ready(POLLOUT, deadline);
-            if (ready == 0) return timed_out("could not send within the deadline");
-            if (ready < 0) return lost("the connection broke while sending: ");
+            if (ready == 0) return timed_out(send_failure_, "could not send within the deadline");
+            if (ready < 0) return lost(send_failure_, "the connection broke while sending: ");
             flags |= MSG_DONTWAIT;
         }
         const ssize_t n = ::send(fd_, bytes.data() + done, bytes.size() - done, flags);
@@ -223,7 +228,7 @@ int32_t Socket::send_all(std::string_view bytes, Deadline deadline) {
         } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             precise = true;
         } else {
-            return lost("the connection broke while sending: ");
+            return lost(send_failure_, "the connection broke while sending: ");
         }
     }
     return KV_SUCCESS;
@@ -233,16 +238,16 @@ int32_t Socket::receive(char* buffer, std::size_t capacity, Deadline deadline,
                         std::size_t* received) {
     *received = 0;
     if (fd_ < 0) return KV_CONNECTION_LOST;
-    if (tls_) return tls_->receive(buffer, capacity, deadline, received, &failure_);
+    if (tls_) return tls_->receive(buffer, capacity, deadline, received, &receive_failure_);
     bool precise = false;  // the kernel's timeout has run out once: the rest is ppoll's
     for (;;) {
         const auto left = std::chrono::duration_cast<Micros>(deadline.remaining());
-        if (left <= Micros::zero()) return timed_out("no reply within the deadline");
+        if (left <= Micros::zero()) return timed_out(receive_failure_, "no reply within the deadline");
         int flags = 0;
         if (precise || !kernel_wait(SO_RCVTIMEO, receive_timeout_, left)) {
             const int ready = wait_ready(POLLIN, deadline);
-            if (ready == 0) return timed_out("no reply within the deadline");
-            if (ready < 0) return lost("the connection broke: ");
+            if (ready == 0) return timed_out(receive_failure_, "no reply within the deadline");
+            if (ready < 0) return lost(receive_failure_, "the connection broke: ");
             flags = MSG_DONTWAIT;
         }
         const ssize_t n = ::recv(fd_, buffer, capacity, flags);
@@ -251,11 +256,11 @@ int32_t Socket::receive(char* buffer, std::size_t capacity, Deadline deadline,
             return KV_SUCCESS;
         }
         if (n == 0) {
-            failure_ = "the server closed the connection";
+            receive_failure_ = "the server closed the connection";
             return KV_CONNECTION_LOST;
         }
         if (errno == EINTR) continue;
-        if (errno != EAGAIN && errno != EWOULDBLOCK) return lost("the connection broke: ");
+        if (errno != EAGAIN && errno != EWOULDBLOCK) return lost(receive_failure_, "the connection broke: ");
         precise = true;
     }
 }

@@ -45,11 +45,19 @@ public:
     void close() noexcept;
     bool is_open() const { return fd_ >= 0; }
     bool is_tls() const { return tls_ != nullptr; }
-    // Why the last failed step failed, in words.
+    // Why the last failed connect, send or receive failed, in words. One
+    // thread may send while another receives: each keeps its own.
     const std::string& failure() const { return failure_; }
+    const std::string& send_failure() const { return send_failure_; }
+    const std::string& receive_failure() const { return receive_failure_; }
+    // Wakes a thread waiting in send_all() or receive() on this socket,
+    // which then fails: for a connection given up while another thread uses
+    // it. The socket stays open until close().
+    void shut_down() noexcept;
 
-    // Writes all of bytes. KV_SUCCESS, KV_TIMEOUT or KV_CONNECTION_LOST.
-    int32_t send_all(std::string_view bytes, Deadline deadline);
+    // Writes all of bytes. KV_SUCCESS, KV_TIMEOUT or KV_CONNECTION_LOST;
+    // *written: how many went out.
+    int32_t send_all(std::string_view bytes, Deadline deadline, std::size_t* written);
 
     // Reads whatever has arrived, up to capacity bytes, waiting for the
     // first of them until the deadline. KV_SUCCESS with *received > 0, or
@@ -73,12 +81,12 @@ private:
     int wait_ready(short events, Deadline deadline) const;
     // KV_TIMEOUT and KV_CONNECTION_LOST with why (for the latter, errno's
     // words after it) kept for failure().
-    int32_t timed_out(const char* why);
-    int32_t lost(const char* why);
+    static int32_t timed_out(std::string& into, const char* why);
+    static int32_t lost(std::string& into, const char* why);
 
     int fd_ = -1;
     std::unique_ptr<TlsSession> tls_;
-    std::string failure_;
+    std::string failure_, send_failure_, receive_failure_;
     bool refused_ = false;
     Micros receive_timeout_{0};  // 0: not set yet (the kernel's "forever")
     Micros send_timeout_{0};

@@ -77,10 +77,13 @@ bool wait_for(int fd, short events, Deadline deadline) {
 template <class Op>
 int TlsSession::run(Op op, Deadline deadline, int* ssl_error) {
     for (;;) {
-        ERR_clear_error();
-        const int r = op();
-        if (r > 0) return r;
-        *ssl_error = SSL_get_error(ssl_.get(), r);
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            ERR_clear_error();  // the error queue is the thread's own
+            const int r = op();
+            if (r > 0) return r;
+            *ssl_error = SSL_get_error(ssl_.get(), r);
+        }
         short events = 0;
         if (*ssl_error == SSL_ERROR_WANT_READ) events = POLLIN;
         if (*ssl_error == SSL_ERROR_WANT_WRITE) events = POLLOUT;
@@ -150,8 +153,10 @@ int32_t TlsSession::failure(int ssl_error, const char* doing, std::string* why) 
     return KV_TLS_FAILED;
 }
 
-int32_t TlsSession::send_all(std::string_view bytes, Deadline deadline, std::string* why) {
-    std::size_t done = 0;
+int32_t TlsSession::send_all(std::string_view bytes, Deadline deadline, std::size_t* written,
+                             std::string* why) {
+    std::size_t& done = *written;
+    done = 0;
     while (done < bytes.size()) {
         const int chunk = static_cast<int>(std::min<std::size_t>(bytes.size() - done, 1 << 30));
         int error = 0;

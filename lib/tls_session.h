@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -33,12 +34,18 @@ public:
                          Deadline deadline, std::unique_ptr<TlsSession>* out, std::string* why);
 
     // As Socket::send_all and Socket::receive. A broken TLS stream answers
-    // KV_TLS_FAILED (the server refused our certificate, for one).
-    int32_t send_all(std::string_view bytes, Deadline deadline, std::string* why);
+    // KV_TLS_FAILED (the server refused our certificate, for one). One
+    // thread may send while another receives: OpenSSL's session is used by
+    // one of them at a time, under a lock held around each non-blocking SSL
+    // call and never across a wait.
+    int32_t send_all(std::string_view bytes, Deadline deadline, std::size_t* written, std::string* why);
     int32_t receive(char* buffer, std::size_t capacity, Deadline deadline, std::size_t* received,
                     std::string* why);
     // Bytes OpenSSL has read from the socket and not handed out yet.
-    bool has_pending() const { return SSL_has_pending(ssl_.get()) == 1; }
+    bool has_pending() const {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return SSL_has_pending(ssl_.get()) == 1;
+    }
 
 private:
     struct SslFree {
@@ -51,6 +58,7 @@ private:
     int run(Op op, Deadline deadline, int* ssl_error);
     int32_t failure(int ssl_error, const char* doing, std::string* why) const;
 
+    mutable std::mutex mutex_;  // around every SSL_ call on ssl_
     std::unique_ptr<SSL, SslFree> ssl_;
     int fd_;
 };
