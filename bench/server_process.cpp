@@ -130,10 +130,12 @@ bool ServerProcess::try_start(int cpu) {
     if (pid == 0) {
         // Only async-signal-safe calls between fork and exec. The server
         // goes when this process goes, however it ends.
-        cpu_set_t set;
-        CPU_ZERO(&set);
-        CPU_SET(cpu, &set);
-        if (sched_setaffinity(0, sizeof set, &set) != 0) _exit(126);
+        if (cpu >= 0) {
+            cpu_set_t set;
+            CPU_ZERO(&set);
+            CPU_SET(cpu, &set);
+            if (sched_setaffinity(0, sizeof set, &set) != 0) _exit(126);
+        }
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (getppid() != parent) _exit(126);
         execvp("redis-server", argv.data());

@@ -12,8 +12,9 @@ namespace kelvane_bench {
 
 class ServerProcess {
 public:
-    // Starts redis-server confined to `cpu` and waits until it answers;
-    // throws std::runtime_error when it cannot.
+    // Starts redis-server confined to `cpu` (below 0: wherever this process
+    // may run) and waits until it answers; throws std::runtime_error when it
+    // cannot.
     explicit ServerProcess(int cpu);
     ~ServerProcess();
     ServerProcess(const ServerProcess&) = delete;
