@@ -153,9 +153,10 @@ ThreadCountResult measure_count(const Bench& b, PointOp op, int threads) {
         for (std::size_t k = 0; k < ways; ++k) {
             const std::size_t w = (static_cast<std::size_t>(r) + k) % ways;
             std::cerr << "kelvane_threads: " << b.tag << ": " << op_name(op) << ": " << threads
-                      << (threads == 1 ? " thread" : " threads") << ": round " << r + 1 << "/" << b.options.rounds << ": "
-                      << way_name(result.ways[w].way) << "\n";
-            result.ways[w].rounds.push_back(runner.run(callers[w], b.admin, static_cast<std::uint64_t>(r)));
+                      << (threads == 1 ? " thread" : " threads") << ": round " << r + 1 << "/"
+                      << b.options.rounds << ": " << way_name(result.ways[w].way) << "\n";
+            const auto seed = static_cast<std::uint64_t>(r);
+            result.ways[w].rounds.push_back(runner.run(callers[w], b.admin, seed));
         }
     }
     return result;

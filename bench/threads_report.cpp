@@ -123,23 +123,31 @@ void print_count(std::ostream& out, PointOp op, const ThreadCountResult& c, bool
     for (const auto& w : c.ways) {
         std::uint64_t failed = 0, wrong = 0;
         bool cut = false;
+        std::string first_problem;
         for (const auto& r : w.rounds) {
             failed += r.failed;
             wrong += r.wrong;
             cut = cut || r.latencies_cut;
-            if (!r.problem.empty() && notes.size() < 3) notes.push_back(std::string(way_name(w.way)) + ": " + r.problem);
+            if (first_problem.empty()) first_problem = r.problem;
         }
-        if (cut) notes.push_back(std::string(way_name(w.way)) + ": a thread made more calls than its latency buffer holds;"
-                                 " its percentiles cover the calls recorded");
+        const std::string name = way_name(w.way);
+        if (!first_problem.empty()) notes.push_back(name + ", the first: " + first_problem);
+        if (cut) {
+            notes.push_back(name + ": a thread made more calls than its latency buffer holds;"
+                                   " the percentiles cover the calls recorded");
+        }
         const bool against_raw = raw != nullptr && w.way != Way::raw;
-        rows.push_back({way_name(w.way), fmt("%.0f", median_of(w, kRate)), number(median_of(w, kP50)),
+        rows.push_back({name, fmt("%.0f", median_of(w, kRate)), number(median_of(w, kP50)),
                         number(median_of(w, kP99)), number(median_of(w, kServerPerCall)),
-                        number(median_of(w, kClientPerCall)), std::to_string(failed), std::to_string(wrong),
+                        number(median_of(w, kClientPerCall)), std::to_string(failed),
+                        std::to_string(wrong),
                         against_raw ? fmt("%.2f", median_ratio(w, *raw, kRate)) : "-",
                         against_raw ? fmt("%.2f", median_ratio(w, *raw, kP99)) : "-"});
     }
     print_rows(out, rows, markdown);
-    for (const auto& note : notes) out << (markdown ? "" : "  ") << "note: " << note << (markdown ? "  \n" : "\n");
+    for (const auto& note : notes) {
+        out << (markdown ? "" : "  ") << "note: " << note << (markdown ? "  \n" : "\n");
+    }
     if (!notes.empty()) out << "\n";
 }
 
