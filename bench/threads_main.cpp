@@ -13,6 +13,7 @@
 // wrong or the check found a difference, 2 when it could not run.
 #include <sched.h>
 
+#include <cstdio>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -64,7 +65,9 @@ Placement placement_of(Cpus cpus) {
     const int first = nth_allowed_cpu(0), second = nth_allowed_cpu(1);
     switch (cpus) {
         case Cpus::split:
-            if (second < 0) throw std::runtime_error("--cpus split needs two CPUs; this process may use one");
+            if (second < 0) {
+                throw std::runtime_error("--cpus split needs two CPUs; this process may use one");
+            }
             return {cpus, first, second};
         case Cpus::one: return {cpus, first, first};
         case Cpus::none: return {cpus, -1, -1};
@@ -72,6 +75,22 @@ Placement placement_of(Cpus cpus) {
     throw std::logic_error("unknown placement");
 }
 
+// The placement as the header gives it, before any server runs.
+std::string placement_words(const Placement& p) {
+    switch (p.cpus) {
+        case Cpus::split:
+            return "split (server on CPU " + std::to_string(p.server_cpu) + ", client threads on CPU " +
+                   std::to_string(p.client_cpu) + ")";
+        case Cpus::one:
+            return "one (server and client threads on CPU " + std::to_string(p.client_cpu) + ")";
+        case Cpus::none:
+            return "none (server and client threads unpinned, on CPUs " + allowed_cpus_text() + ")";
+    }
+    return "?";
+}
+
+// The placement as a table's title gives it, the server's CPUs read back
+// from the kernel.
 std::string placement_title(const Placement& p, const ServerProcess& server) {
     switch (p.cpus) {
         case Cpus::split:
@@ -222,29 +241,39 @@ int main(int argc, char** argv) {
         return 2;
     }
 
+    std::vector<Placement> placements;
+    try {
+        for (Cpus c : options.cpus) placements.push_back(placement_of(c));
+    } catch (const std::exception& e) {
+        std::cerr << "kelvane_threads: " << e.what() << "\n";
+        return 2;
+    }
+
     const std::string line_end = options.markdown ? "  \n" : "\n";
-    std::string threads, ways, cpus;
+    std::string threads, ways, where;
     for (int n : options.threads) threads += (threads.empty() ? "" : ",") + std::to_string(n);
     for (Way w : options.ways) ways += (ways.empty() ? "" : ", ") + std::string(way_name(w));
-    for (Cpus c : options.cpus) cpus += (cpus.empty() ? "" : ", ") + std::string(cpus_name(c));
+    for (const auto& p : placements) where += (where.empty() ? "" : "; ") + placement_words(p);
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%g", options.seconds);
     const std::string header =
-        ", against raw hiredis " + std::to_string(HIREDIS_MAJOR) + "." + std::to_string(HIREDIS_MINOR) + "." +
-        std::to_string(HIREDIS_PATCH) + line_end + "threads: " + threads + "; ways: " + ways +
-        "; placements: " + cpus + line_end + "rounds: " + std::to_string(options.rounds) +
-        " per thread count, " + std::to_string(options.seconds).substr(0, 4) +
+        ", against raw hiredis " + std::to_string(HIREDIS_MAJOR) + "." + std::to_string(HIREDIS_MINOR) +
+        "." + std::to_string(HIREDIS_PATCH) + line_end + "threads: " + threads + "; ways: " + ways +
+        line_end + "placement: " + where + line_end + "rounds: " + std::to_string(options.rounds) +
+        " per thread count, " + seconds +
         " s per way per round; the ways take turns, another first in each round; medians over rounds" +
         line_end + "machine: CPUs allowed " + allowed_cpus_text() + ", load average at start " +
         load_average() + line_end + "\n";
 
     bool header_due = true;
     std::uint64_t bad = 0;
-    for (Cpus cpus_choice : options.cpus) {
+    for (const auto& p : placements) {
         try {
             // Every placement starts from the CPUs the program was given.
             if (sched_setaffinity(0, sizeof start_mask, &start_mask) != 0) {
                 throw std::runtime_error("cannot restore the CPUs this process started with");
             }
-            bad += run_placement(options, placement_of(cpus_choice), header_due, header);
+            bad += run_placement(options, p, header_due, header);
         } catch (const std::exception& e) {
             std::cerr << "kelvane_threads: " << e.what() << "\n";
             return 2;

@@ -86,7 +86,7 @@ const char* threads_usage() {
            "  --op LIST       kv_zscore (ZSCORE + HGET pipelined), kv_zrank (ZRANK);\n"
            "                  default kv_zscore\n"
            "  --rounds N      rounds per thread count; the ways take turns in each (default 5)\n"
-           "  --seconds S     time per way per round (default 1)\n"
+           "  --seconds S     time per way per round, up to 10 (default 1)\n"
            "  --quick         3 rounds of 0.5 s: about half a minute for one op\n"
            "  --cpus LIST     split: server on the first allowed CPU, client threads on the\n"
            "                  second (default); one: both on the first; none: nothing pinned\n"
@@ -127,8 +127,8 @@ ThreadsOptions parse_threads_options(int argc, char** argv) {
                 s = std::stod(text, &used);
             } catch (const std::exception&) {
             }
-            if (used != text.size() || !(s >= 0.01 && s <= 600)) {
-                throw std::invalid_argument("--seconds takes a time from 0.01 to 600, not " + text);
+            if (used != text.size() || !(s >= 0.01 && s <= 10)) {
+                throw std::invalid_argument("--seconds takes a time from 0.01 to 10, not " + text);
             }
             o.seconds = s;
         } else if (arg == "--cpus") {
