@@ -6,8 +6,12 @@
 
 #include <algorithm>
 #include <cmath>
+#include <condition_variable>
+#include <cstdlib>
 #include <future>
+#include <iostream>
 #include <limits>
+#include <mutex>
 #include <stdexcept>
 #include <thread>
 
@@ -23,6 +27,11 @@ using Clock = std::chrono::steady_clock;
 // per second of a round).
 constexpr double kMostCallsPerThread = 250000;
 constexpr double kMostCallsAltogether = 1000000;
+
+// Every call returns within its client's bound (14 s as the benchmark makes
+// its clients) and a raw call within hiredis's timeout; a thread still in a
+// call this long after the round's end is stuck for good.
+constexpr std::chrono::seconds kHangBound{90};
 
 // xorshift64*: a random member per call for a few instructions, and a
 // sequence of its own per thread.
@@ -93,6 +102,9 @@ RoundResult RoundRunner::run(std::vector<std::unique_ptr<PointCaller>>& callers,
     if (callers.size() > logs_.size()) throw std::logic_error("more callers than thread buffers");
     std::promise<Clock::time_point> start_signal;
     std::shared_future<Clock::time_point> start = start_signal.get_future().share();
+    std::mutex finished_mutex;
+    std::condition_variable finished_cv;
+    std::size_t finished = 0;
     std::vector<std::thread> threads;
     threads.reserve(callers.size());
     for (std::size_t t = 0; t < callers.size(); ++t) {
@@ -100,7 +112,8 @@ RoundResult RoundRunner::run(std::vector<std::unique_ptr<PointCaller>>& callers,
         log.recorded = log.calls = log.failed = log.wrong = 0;
         log.cut = false;
         log.problem.clear();
-        threads.emplace_back([this, &log, &caller = *callers[t], start, seed, t] {
+        threads.emplace_back([this, &log, &caller = *callers[t], start, seed, t, &finished_mutex,
+                              &finished_cv, &finished] {
             MemberPicker picker(seed * 1000003 + t + 1);
             const Clock::time_point deadline = start.get() + length_;
             std::string why;
@@ -124,6 +137,11 @@ RoundResult RoundRunner::run(std::vector<std::unique_ptr<PointCaller>>& callers,
                 }
                 if (t1 >= deadline) {
                     log.end = t1;
+                    {
+                        std::lock_guard<std::mutex> lock(finished_mutex);
+                        ++finished;
+                    }
+                    finished_cv.notify_one();
                     return;
                 }
             }
@@ -134,6 +152,19 @@ RoundResult RoundRunner::run(std::vector<std::unique_ptr<PointCaller>>& callers,
     const double client_before = process_cpu_us();
     const Clock::time_point started = Clock::now();
     start_signal.set_value(started);
+    {
+        // A call that never returns cannot be joined or left behind; say
+        // so and end the program rather than hang.
+        std::unique_lock<std::mutex> lock(finished_mutex);
+        if (!finished_cv.wait_until(lock, started + length_ + kHangBound,
+                                    [&] { return finished == threads.size(); })) {
+            std::cout.flush();
+            std::cerr << "kelvane_threads: " << threads.size() - finished << " of " << threads.size()
+                      << " threads still inside a call " << kHangBound.count()
+                      << " s after the round ended: the calls hang\n";
+            std::_Exit(1);
+        }
+    }
     for (auto& thread : threads) thread.join();
     result.client_us = process_cpu_us() - client_before;
     result.server_us = (server_cpu_seconds(admin) - server_before) * 1e6;
