@@ -38,6 +38,9 @@ private:
 // Confines the calling thread to one CPU; false when the kernel refuses.
 bool pin_to_cpu(int cpu);
 
+// The three load averages, "0.47 0.58 0.66": how busy the machine was.
+std::string load_average();
+
 // The CPUs this process may use, in order.
 std::string allowed_cpus_text();
 int nth_allowed_cpu(int n);  // -1 when there are fewer

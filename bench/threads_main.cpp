@@ -14,7 +14,6 @@
 #include <sched.h>
 
 #include <cstdio>
-#include <fstream>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
@@ -100,21 +99,6 @@ std::string placement_title(const Placement& p, const ServerProcess& server) {
         case Cpus::none: return "none: server and client threads unpinned, on CPUs " + server.cpus();
     }
     return "?";
-}
-
-std::string load_average() {
-    std::ifstream in("/proc/loadavg");
-    std::string one, five, fifteen;
-    in >> one >> five >> fifteen;
-    return one + " " + five + " " + fifteen;
-}
-
-std::string server_version(RawConnection& admin) {
-    Reply info = admin.command({"INFO", "server"});
-    const std::string text(info->str, info->len);
-    const std::size_t at = text.find("redis_version:");
-    if (at == std::string::npos) return "?";
-    return text.substr(at + 14, text.find_first_of("\r\n", at) - at - 14);
 }
 
 // Reads every member once through the library and through raw hiredis;
