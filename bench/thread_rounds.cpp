@@ -53,7 +53,7 @@ double process_cpu_us() {
     return us(usage.ru_utime) + us(usage.ru_stime);
 }
 
-// The nearest-rank percentile of sorted-enough values.
+// The nearest-rank percentile q of the values, which it reorders.
 double percentile_us(std::vector<std::uint32_t>& ns, double q) {
     if (ns.empty()) return 0;
     const auto rank = static_cast<std::size_t>(std::ceil(q * static_cast<double>(ns.size())));
