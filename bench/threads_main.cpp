@@ -9,8 +9,8 @@
 // calls per second of all threads together, the median and 99th-percentile
 // latency of one call, the CPU per call of server and client, failed and
 // wrong answers, and the ratios to raw. Progress goes to standard error,
-// tables to standard output. Exit status 1 when a call failed or answered
-// wrong or the check found a difference, 2 when it could not run.
+// tables to standard output. Exit status 1 when a call failed, answered
+// wrong or hung, or the check found a difference; 2 when it could not run.
 #include <sched.h>
 
 #include <cstdio>
