@@ -8,7 +8,6 @@
 // and, for range reads, peak heap per call. Progress goes to standard error,
 // tables to standard output. Exit status 1 when any operation's data differed
 // or a call failed, 2 when the comparison could not run.
-#include <fstream>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -69,22 +68,6 @@ AllocProbe probe_allocations() {
     probe.libkelvane = alloc_totals().allocations - after_hiredis;
     probe.balanced = alloc_totals().live_bytes == before.live_bytes;
     return probe;
-}
-
-// The three load averages: how busy the shared machine was.
-std::string load_average() {
-    std::ifstream in("/proc/loadavg");
-    std::string one, five, fifteen;
-    in >> one >> five >> fifteen;
-    return one + " " + five + " " + fifteen;
-}
-
-std::string server_version(RawConnection& admin) {
-    Reply info = admin.command({"INFO", "server"});
-    const std::string text(info->str, info->len);
-    const size_t at = text.find("redis_version:");
-    if (at == std::string::npos) return "?";
-    return text.substr(at + 14, text.find_first_of("\r\n", at) - at - 14);
 }
 
 std::vector<std::unique_ptr<Workload>> selected_workloads(const std::string& only) {

@@ -66,6 +66,14 @@ double server_cpu_seconds(RawConnection& admin) {
     return total;
 }
 
+std::string server_version(RawConnection& admin) {
+    Reply info = admin.command({"INFO", "server"});
+    const std::string text(info->str, info->len);
+    const size_t at = text.find("redis_version:");
+    if (at == std::string::npos) return "?";
+    return text.substr(at + 14, text.find_first_of("\r\n", at) - at - 14);
+}
+
 std::string dump_sorted_set(RawConnection& admin, const std::string& main_key,
                             const std::string& values_key) {
     Reply type = admin.command({"TYPE", main_key});

@@ -43,6 +43,9 @@ private:
 // The CPU time the server's main thread has used (INFO cpu), in seconds.
 double server_cpu_seconds(RawConnection& admin);
 
+// The server's version (INFO server), "7.0.15"; "?" when it does not say.
+std::string server_version(RawConnection& admin);
+
 // The whole content of a sorted set and its values hash as text, members
 // with their exact score texts and values in member order, for comparing
 // the two sides' end states.

@@ -18,6 +18,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -80,6 +81,13 @@ bool pin_to_cpu(int cpu) {
     return sched_setaffinity(0, sizeof set, &set) == 0;
 }
 
+std::string load_average() {
+    std::ifstream in("/proc/loadavg");
+    std::string one, five, fifteen;
+    in >> one >> five >> fifteen;
+    return one + " " + five + " " + fifteen;
+}
+
 std::string allowed_cpus_text() {
     cpu_set_t set;
     if (sched_getaffinity(0, sizeof set, &set) != 0) return "?";
@@ -130,10 +138,12 @@ bool ServerProcess::try_start(int cpu) {
     if (pid == 0) {
         // Only async-signal-safe calls between fork and exec. The server
         // goes when this process goes, however it ends.
-        cpu_set_t set;
-        CPU_ZERO(&set);
-        CPU_SET(cpu, &set);
-        if (sched_setaffinity(0, sizeof set, &set) != 0) _exit(126);
+        if (cpu >= 0) {
+            cpu_set_t set;
+            CPU_ZERO(&set);
+            CPU_SET(cpu, &set);
+            if (sched_setaffinity(0, sizeof set, &set) != 0) _exit(126);
+        }
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (getppid() != parent) _exit(126);
         execvp("redis-server", argv.data());

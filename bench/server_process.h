@@ -12,8 +12,9 @@ namespace kelvane_bench {
 
 class ServerProcess {
 public:
-    // Starts redis-server confined to `cpu` and waits until it answers;
-    // throws std::runtime_error when it cannot.
+    // Starts redis-server confined to `cpu` (below 0: wherever this process
+    // may run) and waits until it answers; throws std::runtime_error when it
+    // cannot.
     explicit ServerProcess(int cpu);
     ~ServerProcess();
     ServerProcess(const ServerProcess&) = delete;
@@ -36,6 +37,9 @@ private:
 
 // Confines the calling thread to one CPU; false when the kernel refuses.
 bool pin_to_cpu(int cpu);
+
+// The three load averages, "0.47 0.58 0.66": how busy the machine was.
+std::string load_average();
 
 // The CPUs this process may use, in order.
 std::string allowed_cpus_text();
