@@ -1,16 +1,44 @@
 // pipeline.cpp -- queueing, writing and reading in turns, and giving up.
 #include "pipeline.h"
 
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <cstring>
 
 #include "kelvane.h"
 
 namespace kelvane {
 
+namespace {
+
+// A caller sleeps on a word of its own (a futex), and is woken after the
+// waker has let go of the lock: a caller woken under the lock would only
+// wake to wait for it, and on a busy CPU that costs two more switches per
+// call. Whoever wakes sets the word under the lock, while the caller is sure
+// to be there; the wake itself, a system call on the word's address, may then
+// come after the caller has gone, which does no harm: every wait here is in a
+// loop that looks at its conditions again.
+void futex_wait(std::atomic<uint32_t>* word, Deadline deadline) {
+    const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline.remaining());
+    if (left <= std::chrono::nanoseconds::zero()) return;
+    const timespec ts{static_cast<time_t>(left.count() / 1000000000), static_cast<long>(left.count() % 1000000000)};
+    syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), FUTEX_WAIT_PRIVATE, 0u, &ts, nullptr, 0);
+}
+
+void futex_wake(std::atomic<uint32_t>* word) {
+    syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
+}
+
+}  // namespace
+
 // One caller, on its own stack, while its exchange is under way.
 struct Pipeline::Waiter {
-    std::condition_variable cv;
+    std::atomic<uint32_t> woken{0};
     Slot* slot = nullptr;
     Deadline deadline = Deadline::after({});
     bool done = false;
@@ -167,8 +195,11 @@ void Pipeline::break_off(const Slot* culprit, int32_t culprit_status, int32_t ot
         // A slot the reader is parsing into stays its until it is done.
         if (s->busy) continue;
         if (s->owner != nullptr) {
+            // Woken at once: breaking off is rare, and the lock may next be
+            // let go of by a wait that wakes nobody.
             s->owner->done = true;
-            s->owner->cv.notify_one();
+            s->owner->woken.store(1, std::memory_order_release);
+            futex_wake(&s->owner->woken);
         }
         free_.push_back(s);
     }
@@ -193,7 +224,7 @@ void Pipeline::hand_on(const Waiter* except) {
         for (std::size_t i = 0; i < count_; ++i) {
             const Slot* s = slot_at(i);
             if (s->state == Slot::State::sent && s->owner != nullptr && s->owner != except) {
-                s->owner->cv.notify_one();
+                wake(*s->owner);
                 break;
             }
         }
@@ -202,7 +233,7 @@ void Pipeline::hand_on(const Waiter* except) {
         for (std::size_t i = 0; i < count_; ++i) {
             const Slot* s = slot_at(i);
             if (s->state == Slot::State::queued && s->owner != nullptr && s->owner != except) {
-                s->owner->cv.notify_one();
+                wake(*s->owner);
                 break;
             }
         }
@@ -222,7 +253,7 @@ void Pipeline::write(std::unique_lock<std::mutex>& lock, std::string_view bytes,
         out = sending_;
     }
     writing_ = true;
-    lock.unlock();
+    unlock_and_wake(lock);
     std::size_t written = 0;
     const int32_t status = socket_.send_all(out, deadline, &written);
     lock.lock();
@@ -315,7 +346,7 @@ void Pipeline::finish(Slot& s, Waiter& me) {
     if (Waiter* w = s.owner) {
         w->result = Exchange{KV_SUCCESS, true, {}};
         w->done = true;
-        if (w != &me) w->cv.notify_one();
+        if (w != &me) wake(*w);
     }
     pop_head();
 }
@@ -323,12 +354,16 @@ void Pipeline::finish(Slot& s, Waiter& me) {
 void Pipeline::read(std::unique_lock<std::mutex>& lock, Waiter& me) {
     reading_ = true;
     while (!me.done && live()) {
+        if (!writing_ && !queued_.empty()) {
+            write(lock, {}, me.deadline);
+            continue;
+        }
         while (count_ > 0 && head()->state == Slot::State::cancelled) pop_head();
         if (count_ == 0 || head()->state != Slot::State::sent) break;  // its request is still being written
         Slot* h = head();
         h->busy = true;
         int32_t failure = KV_SUCCESS;
-        lock.unlock();
+        unlock_and_wake(lock);
         const Parsed parsed = parse(*h, &failure);
         lock.lock();
         h->busy = false;
@@ -336,12 +371,12 @@ void Pipeline::read(std::unique_lock<std::mutex>& lock, Waiter& me) {
             // Broken off while we parsed: the slot was left to us to end.
             if (h->owner != nullptr) {
                 h->owner->done = true;
-                h->owner->cv.notify_one();
+                wake(*h->owner);
             }
             free_.push_back(h);
             break;
         }
-        if (h->owner != nullptr && h->owner->leaving) h->owner->cv.notify_one();
+        if (h->owner != nullptr && h->owner->leaving) wake(*h->owner);
         if (parsed == Parsed::complete) {
             finish(*h, me);
             continue;
@@ -353,7 +388,7 @@ void Pipeline::read(std::unique_lock<std::mutex>& lock, Waiter& me) {
             break;
         }
         partial_ = reader_->ridx >= 0;
-        lock.unlock();
+        unlock_and_wake(lock);
         std::size_t received = 0;
         const int32_t status = socket_.receive(buffer_.data(), buffer_.size(), me.deadline, &received);
         lock.lock();
@@ -377,7 +412,7 @@ Exchange Pipeline::give_up(std::unique_lock<std::mutex>& lock, Waiter& me) {
     // The reader may be parsing into our sinks: that takes a moment, not a
     // wait on the network.
     me.leaving = true;
-    while (!me.done && s->busy) me.cv.wait(lock);
+    while (!me.done && s->busy) sleep(lock, me, Deadline::after(kLongestWait));
     if (me.done) return std::move(me.result);
     Exchange out{KV_TIMEOUT, true, "no reply within the deadline"};
     switch (s->state) {
@@ -428,10 +463,13 @@ Exchange Pipeline::exchange(std::string_view bytes, std::initializer_list<ReplyS
     Slot* s = push_slot(me, bytes, sinks);
     me.slot = s;
     if (hold) holder_ = caller;
-    if (!writing_ && queued_.empty()) {
+    if (!writing_ && !reading_ && queued_.empty()) {
         s->state = Slot::State::sending;  // nobody else writes: straight from the caller's buffer
         write(lock, bytes, deadline);
     } else {
+        // Sent with the others queued: by the reader, the moment the server
+        // answers what it has (so the server takes them in one read), or by
+        // whichever caller takes the writing.
         queued_.append(bytes.data(), bytes.size());
     }
     Exchange out{KV_SUCCESS, true, {}};
@@ -444,7 +482,7 @@ Exchange Pipeline::exchange(std::string_view bytes, std::initializer_list<ReplyS
             out = give_up(lock, me);
             break;
         }
-        if (!writing_ && !queued_.empty() && live()) {
+        if (!writing_ && !reading_ && !queued_.empty() && live()) {
             write(lock, {}, deadline);
             continue;
         }
@@ -452,14 +490,39 @@ Exchange Pipeline::exchange(std::string_view bytes, std::initializer_list<ReplyS
             read(lock, me);
             continue;
         }
-        me.cv.wait_until(lock, deadline.at());
+        sleep(lock, me, deadline);
     }
     if (hold && out.status != KV_SUCCESS && holder_ == caller) {
         holder_ = nullptr;
         changed_.notify_all();
     }
     hand_on(&me);
+    unlock_and_wake(lock);
     return out;
+}
+
+void Pipeline::wake(Waiter& w) {
+    w.woken.store(1, std::memory_order_release);
+    to_wake_.push_back(&w.woken);
+}
+
+void Pipeline::sleep(std::unique_lock<std::mutex>& lock, Waiter& me, Deadline deadline) {
+    me.woken.store(0, std::memory_order_relaxed);
+    unlock_and_wake(lock);
+    futex_wait(&me.woken, deadline);
+    lock.lock();
+}
+
+void Pipeline::unlock_and_wake(std::unique_lock<std::mutex>& lock) {
+    std::array<std::atomic<uint32_t>*, 32> words;
+    const std::size_t n = std::min(to_wake_.size(), words.size());
+    std::copy(to_wake_.end() - static_cast<std::ptrdiff_t>(n), to_wake_.end(), words.begin());
+    to_wake_.resize(to_wake_.size() - n);
+    // More than fit: the rest are woken now, under the lock.
+    for (std::atomic<uint32_t>* word : to_wake_) futex_wake(word);
+    to_wake_.clear();
+    lock.unlock();
+    for (std::size_t i = 0; i < n; ++i) futex_wake(words[i]);
 }
 
 }  // namespace kelvane

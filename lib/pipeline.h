@@ -27,6 +27,7 @@
 #define KELVANE_PIPELINE_H
 
 #include <array>
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -107,6 +108,12 @@ private:
     Exchange give_up(std::unique_lock<std::mutex>& lock, Waiter& me);
     // Wakes a caller to take a role nobody holds.
     void hand_on(const Waiter* except);
+    // Marks w woken; the wake itself goes once the lock is let go
+    // (unlock_and_wake), so that w does not wake only to wait for the lock.
+    void wake(Waiter& w);
+    void unlock_and_wake(std::unique_lock<std::mutex>& lock);
+    // Lets go of the lock until woken or the deadline.
+    void sleep(std::unique_lock<std::mutex>& lock, Waiter& me, Deadline deadline);
     // Ends every exchange and closes the connection: culprit's exchange
     // with culprit_status, the others' with others_status.
     void break_off(const Slot* culprit, int32_t culprit_status, int32_t others_status, const std::string& why);
@@ -122,6 +129,7 @@ private:
     std::size_t head_ = 0, count_ = 0;
     std::vector<std::unique_ptr<Slot>> slots_;  // every slot made
     std::vector<Slot*> free_;
+    std::vector<std::atomic<uint32_t>*> to_wake_;
     std::string queued_, sending_;  // bytes queued while a write was under way; those being written
     bool writing_ = false, reading_ = false;
     bool partial_ = false;  // the reader holds part of the head's reply
