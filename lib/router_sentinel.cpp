@@ -97,10 +97,13 @@ int32_t Router::add_sentinel(const Endpoint& seed, const SeedSettings& settings,
     }
     Node& n = *registered;
     const int32_t status = connect_seed(n, deadline);
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (status == KV_SUCCESS && n.connection.mode() != NodeMode::sentinel) {
+    const bool data_node = status == KV_SUCCESS && n.connection.mode() != NodeMode::sentinel;
+    if (data_node) {
         note(KV_INVALID_PARAMETER, n,
              describe(seed) + " is not a Sentinel: it greets as a data node (give it without a master's name)");
+    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (data_node) {
         s.seeds.erase(std::find(s.seeds.begin(), s.seeds.end(), seed));
         if (made) {
             // Out of the Sentinels asked; kept alive, since another call may
