@@ -34,6 +34,11 @@ void futex_wake(std::atomic<uint32_t>* word) {
     syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
 }
 
+// Whether the reader holds part of a reply. Looking for a reply in a buffer
+// read to its end leaves hiredis's first task set up but empty (no type yet):
+// that is no part of one.
+bool reply_begun(const redisReader* r) { return r->ridx > 0 || (r->ridx == 0 && r->rstack[0].type != -1); }
+
 }  // namespace
 
 // One caller, on its own stack, while its exchange is under way.
@@ -282,7 +287,8 @@ Pipeline::Parsed Pipeline::parse(Slot& s, int32_t* failure) {
         if (s.sink >= s.nsinks) return Parsed::complete;
         // The sink of the reply to come; a reply half read keeps the one it
         // started with (the reader's root task holds it).
-        const bool starting = r->ridx < 0;
+        const bool starting = !reply_begun(r);
+        if (starting) r->ridx = -1;  // so that the reply to come takes the sink set below
         ReplySink* target = s.sinks[s.sink];
         if (s.owner == nullptr) {
             DiscardReply& discard = *discard_;
@@ -343,6 +349,7 @@ void Pipeline::finish(Slot& s, Waiter& me) {
         return;
     }
     last_alive_ = Clock::now();
+    partial_ = false;  // the reply that was half read, if any, is whole now
     if (Waiter* w = s.owner) {
         w->result = Exchange{KV_SUCCESS, true, {}};
         w->done = true;
@@ -387,7 +394,7 @@ void Pipeline::read(std::unique_lock<std::mutex>& lock, Waiter& me) {
                                               : "the server's reply does not fit its command, or breaks the protocol");
             break;
         }
-        partial_ = reader_->ridx >= 0;
+        partial_ = reply_begun(reader_.get());
         unlock_and_wake(lock);
         std::size_t received = 0;
         const int32_t status = socket_.receive(buffer_.data(), buffer_.size(), me.deadline, &received);

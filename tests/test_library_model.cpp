@@ -4,7 +4,8 @@
 // landed to the model, and checks that every buffer handed out came back to the memory manager. Every few hundred
 // steps the server's own layout is checked too. By default seeds 1, 2 and 3 with 2500 operations each;
 // KELVANE_MODEL_OPS=N asks for N operations per seed, KELVANE_MODEL_SEED=S for the one seed S. A failure names the
-// seed and the operation, so setting both reproduces it.
+// seed and the operation, so setting both reproduces it. The same runs, several at once on one client from threads
+// of their own, each on keys of its own, show that sharing a client changes no result (label `threads`).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -72,12 +73,17 @@ bool landed(int32_t status) { return status == KV_SUCCESS || status == KV_ALREAD
 
 class ModelRun {
 public:
-    ModelRun(int port, uint64_t seed) : port_(port), seed_(seed), rng_(seed) {
+    // shared: a client that other runs use at the same time from threads of their own, each on its own keys (its
+    // names with prefix in front); it is never destroyed here, and buffers are counted only by its owner.
+    ModelRun(int port, uint64_t seed, kv_client* shared = nullptr, const std::string& prefix = "")
+        : port_(port), seed_(seed), rng_(seed), shared_(shared) {
         if (mm_.get() == nullptr) throw std::runtime_error("kv_mm_create failed");
-        connect();
+        for (const std::string& k : kKeys) keyspace_.push_back(prefix + k);
+        if (shared_ != nullptr) client_ = shared_;
+        else connect();
     }
     ~ModelRun() {
-        if (client_ != nullptr) kv_client_destroy(client_);
+        if (client_ != nullptr && shared_ == nullptr) kv_client_destroy(client_);
     }
 
     void step() {
@@ -89,7 +95,9 @@ public:
         std::vector<int> weights;
         for (const auto& op : ops) weights.push_back(op.first);
         ++step_;
-        (this->*ops[std::discrete_distribution<size_t>(weights.begin(), weights.end())(rng_)].second)();
+        const auto op = ops[std::discrete_distribution<size_t>(weights.begin(), weights.end())(rng_)].second;
+        if (shared_ != nullptr && op == &ModelRun::reconnect) return;  // the client is not this run's to destroy
+        (this->*op)();
         if (mm_.live() != 0) fail(std::to_string(mm_.live()) + " buffers the library counts as handed out remain");
     }
 
@@ -99,7 +107,7 @@ public:
         const auto pause = std::chrono::milliseconds(550 + below(400));
         begin("(" + std::to_string(pause.count()) + " ms without a call)");
         std::this_thread::sleep_for(pause);
-        for (const std::string& k : kKeys) read_ttl(k);
+        for (const std::string& k : keyspace_) read_ttl(k);
     }
 
     void check_server() {
@@ -108,6 +116,7 @@ public:
     }
 
     void finish() {
+        if (shared_ != nullptr) return;
         begin("(kv_client_destroy and kv_mm_destroy)");
         kv_client_destroy(client_);
         client_ = nullptr;
@@ -128,7 +137,7 @@ private:
         const Key* s = find(k);
         return s != nullptr && !s->plain ? s : nullptr;
     }
-    std::string key() { return pick(kKeys); }
+    std::string key() { return pick(keyspace_); }
     // Often a member the key holds, so that updates, ranks and removals hit.
     std::string member(const std::string& k) {
         const Key* s = sorted(k);
@@ -648,6 +657,8 @@ private:
     int port_;
     uint64_t seed_;
     std::mt19937_64 rng_;
+    kv_client* shared_;
+    std::vector<std::string> keyspace_;
     std::map<std::string, Key> keys_;
     CountingManager mm_;
     kv_client* client_ = nullptr;
@@ -683,6 +694,36 @@ TEST(ReferenceModel, RandomOperationsAgreeWithTheModel) {
             ADD_FAILURE() << e.what();
         }
     }
+}
+
+// Six runs at once on one client, each from a thread of its own on keys of its own: every result of every run is
+// what the model of its keys says, the server's layout holds, and every buffer comes back.
+TEST(ThreadsModel, RunsOnOneSharedClientEachAgreeWithTheModelOfTheirOwnKeys) {
+    const uint64_t ops = env("KELVANE_MODEL_OPS").empty() ? 600 : std::stoull(env("KELVANE_MODEL_OPS"));
+    constexpr int kThreads = 6;
+    RedisServer server;
+    CountingManager mm;
+    kv_client* client = kv_client_create(1, 2, mm.get(), 2);
+    ASSERT_NE(client, nullptr);
+    ASSERT_EQ(kv_server_add(client, "127.0.0.1", static_cast<uint32_t>(server.port()), nullptr), KV_SUCCESS);
+    std::vector<std::string> failures(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            try {
+                ModelRun run(server.port(), 101 + static_cast<uint64_t>(t), client, "t" + std::to_string(t) + "/");
+                for (uint64_t i = 1; i <= ops; ++i) run.step();
+            } catch (const std::exception& e) {
+                failures[static_cast<size_t>(t)] = e.what();
+            }
+        });
+    }
+    for (auto& t : threads) t.join();
+    for (const auto& f : failures) EXPECT_TRUE(f.empty()) << f;
+    for (const auto& f : check_layout(server.port())) ADD_FAILURE() << "the server breaks the layout rules: " << f;
+    kv_client_destroy(client);
+    EXPECT_EQ(mm.live(), 0u) << "buffers the library handed out and nobody got back";
+    EXPECT_EQ(mm.destroy(), 0) << "allocator blocks out after kv_mm_destroy";
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -45,16 +46,19 @@ struct Call {
 
 using Check = std::function<bool(const Call&)>;
 
-// A thread with a client of its own that keeps writing and reading its keys, and records every call. Each write
+// A thread with a client of its own (or one it shares with other workloads, each on keys of its own) that keeps
+// writing and reading its keys, and records every call. Each write
 // adds a member of its own ("m<n>" with score n and a value naming n and the key), so that the record says which
 // data must be in the store and which must not.
 class Workload {
 public:
     // Registers every seed, with options (a Sentinel's master, say) when given.
     Workload(std::vector<std::string> keys, const std::vector<int>& seeds, const kv_server_options* options = nullptr)
-        : keys_(std::move(keys)) {
+        : keys_(std::move(keys)), own_(std::make_unique<KvClient>()), client_(*own_) {
         for (int port : seeds) EXPECT_EQ(client_.add_seed(port, options), KV_SUCCESS) << "seed " << port;
     }
+    // On a client that other threads use at the same time.
+    Workload(std::vector<std::string> keys, KvClient& shared) : keys_(std::move(keys)), client_(shared) {}
     ~Workload() { stop(); }
 
     void start(size_t warm_rounds) {
@@ -123,7 +127,8 @@ private:
     }
 
     std::vector<std::string> keys_;
-    KvClient client_;
+    std::unique_ptr<KvClient> own_;
+    KvClient& client_;
     std::vector<Call> calls_;
     std::atomic<bool> stopping_{false};
     std::atomic<size_t> rounds_{0};
