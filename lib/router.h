@@ -117,15 +117,21 @@ private:
         NodeConnection connection;
         // One thread opens the connection at a time; the others wait, each
         // within its deadline, and take its result when it failed just now.
-        std::timed_mutex opening;
-        std::atomic<uint64_t> opened{0};  // openings ended
-        int32_t last_open = 0;            // how the last ended, under opening
+        // Under mutex_:
+        bool opening = false;
+        uint64_t opened = 0;  // openings ended
+        int32_t last_open = 0;
         std::string last_open_failure;
         // The function library has been found there; one thread checks at a
-        // time.
+        // time (checking_library, under mutex_).
         std::atomic<bool> library_checked{false};
-        std::timed_mutex checking_library;
+        bool checking_library = false;
     };
+    // Waits, within the deadline, until no other thread holds n's turn
+    // (&Node::opening, &Node::checking_library), and takes it: false when
+    // the deadline came first. end_turn() gives it back.
+    bool take_turn(Node& n, bool Node::*turn, Deadline deadline);
+    void end_turn(Node& n, bool Node::*turn);
 
     // The node at endpoint, made if new; with mutex_ held, and without.
     Node& node_locked(const Endpoint& endpoint);

@@ -39,21 +39,53 @@ void Router::learn_mode(Node& n) {
     mode_.store(greeted, std::memory_order_release);
 }
 
+bool Router::take_turn(Node& n, bool Node::*turn, Deadline deadline) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (n.*turn) {
+        if (changed_.wait_until(lock, deadline.at()) == std::cv_status::timeout && n.*turn) return false;
+    }
+    n.*turn = true;
+    return true;
+}
+
+void Router::end_turn(Node& n, bool Node::*turn) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    n.*turn = false;
+    changed_.notify_all();
+}
+
 int32_t Router::connect(Node& n, Deadline deadline, int attempts) {
     if (n.connection.usable()) return KV_SUCCESS;
     // Another thread may be opening it: wait for that, within our deadline.
-    const uint64_t seen = n.opened.load(std::memory_order_acquire);
-    std::unique_lock<std::timed_mutex> opening(n.opening, std::defer_lock);
-    if (!opening.try_lock_until(deadline.at())) {
+    uint64_t seen = 0;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        seen = n.opened;
+    }
+    if (!take_turn(n, &Node::opening, deadline)) {
         note(KV_CONNECT_FAILED, n, describe(n.endpoint) + ": another call was still connecting at the deadline");
         return KV_CONNECT_FAILED;
     }
+    struct Turn {
+        Router& router;
+        Node& node;
+        ~Turn() { router.end_turn(node, &Node::opening); }
+    } turn{*this, n};
     if (n.connection.usable()) return KV_SUCCESS;  // opened while we waited
-    if (n.opened.load(std::memory_order_relaxed) != seen && n.last_open != KV_SUCCESS) {
+    int32_t last = KV_SUCCESS;
+    std::string last_failure;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (n.opened != seen && n.last_open != KV_SUCCESS) {
+            last = n.last_open;
+            last_failure = n.last_open_failure;
+        }
+    }
+    if (last != KV_SUCCESS) {
         // It failed while we waited, for a call that came first: the same
         // attempt again would meet the same.
-        note(n.last_open, n, n.last_open_failure);
-        return n.last_open;
+        note(last, n, std::move(last_failure));
+        return last;
     }
     const std::shared_ptr<const NodeSettings> settings = settings_of(n);
     int32_t status = KV_CONNECT_FAILED;
@@ -67,16 +99,17 @@ int32_t Router::connect(Node& n, Deadline deadline, int attempts) {
         // not a refusal: nothing listens there now.
         if (status != KV_CONNECT_FAILED || n.connection.refused()) break;
     }
-    n.last_open = status;
-    n.opened.fetch_add(1, std::memory_order_release);
+    if (status != KV_SUCCESS) redact(why, settings->password());
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        n.last_open = status;
+        n.last_open_failure = status != KV_SUCCESS ? why : std::string();
+        ++n.opened;
+    }
     if (status != KV_SUCCESS) {
-        redact(why, settings->password());
-        n.last_open_failure = why;
-        note(status, n, std::move(why));
+        note_failure(status, std::move(why));
         return status;
     }
-    n.last_open_failure.clear();
-    opening.unlock();
     learn_mode(n);
     return status;
 }
@@ -89,11 +122,18 @@ void Router::note(int32_t status, const Node& n, std::string text) const {
 int32_t Router::check_library(Node& n, Deadline deadline) {
     if (n.library_checked.load(std::memory_order_acquire)) return KV_SUCCESS;
     // One thread looks (and loads); the others wait for its answer.
-    std::unique_lock<std::timed_mutex> checking(n.checking_library, std::defer_lock);
-    if (!checking.try_lock_until(deadline.at())) return KV_TIMEOUT;
-    if (n.library_checked.load(std::memory_order_acquire)) return KV_SUCCESS;
-    const int32_t status = ensure_function_library(n.connection, command_deadline(deadline));
-    if (status == KV_SUCCESS) n.library_checked.store(true, std::memory_order_release);
+    if (!take_turn(n, &Node::checking_library, deadline)) return KV_TIMEOUT;
+    int32_t status = KV_SUCCESS;
+    try {
+        if (!n.library_checked.load(std::memory_order_acquire)) {
+            status = ensure_function_library(n.connection, command_deadline(deadline));
+            if (status == KV_SUCCESS) n.library_checked.store(true, std::memory_order_release);
+        }
+    } catch (...) {
+        end_turn(n, &Node::checking_library);
+        throw;
+    }
+    end_turn(n, &Node::checking_library);
     return status;
 }
 

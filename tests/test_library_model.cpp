@@ -699,7 +699,7 @@ TEST(ReferenceModel, RandomOperationsAgreeWithTheModel) {
 // Six runs at once on one client, each from a thread of its own on keys of its own: every result of every run is
 // what the model of its keys says, the server's layout holds, and every buffer comes back.
 TEST(ThreadsModel, RunsOnOneSharedClientEachAgreeWithTheModelOfTheirOwnKeys) {
-    const uint64_t ops = env("KELVANE_MODEL_OPS").empty() ? 600 : std::stoull(env("KELVANE_MODEL_OPS"));
+    const uint64_t ops = env("KELVANE_MODEL_OPS").empty() ? 1500 : std::stoull(env("KELVANE_MODEL_OPS"));
     constexpr int kThreads = 6;
     RedisServer server;
     CountingManager mm;
