@@ -34,6 +34,12 @@ void futex_wake(std::atomic<uint32_t>* word) {
     syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
 }
 
+// While the server has no more than this many requests to answer, a caller
+// writes its own at once, rather than wait for the reader to send it with
+// the others when the server answers: few callers then pay no wait, and many
+// share their writes (and the server its reads).
+constexpr std::size_t kEagerWrites = 4;
+
 // Whether the reader holds part of a reply. Looking for a reply in a buffer
 // read to its end leaves hiredis's first task set up but empty (no type yet):
 // that is no part of one.
@@ -470,7 +476,7 @@ Exchange Pipeline::exchange(std::string_view bytes, std::initializer_list<ReplyS
     Slot* s = push_slot(me, bytes, sinks);
     me.slot = s;
     if (hold) holder_ = caller;
-    if (!writing_ && !reading_ && queued_.empty()) {
+    if (!writing_ && queued_.empty() && (!reading_ || count_ <= kEagerWrites)) {
         s->state = Slot::State::sending;  // nobody else writes: straight from the caller's buffer
         write(lock, bytes, deadline);
     } else {
@@ -489,7 +495,7 @@ Exchange Pipeline::exchange(std::string_view bytes, std::initializer_list<ReplyS
             out = give_up(lock, me);
             break;
         }
-        if (!writing_ && !reading_ && !queued_.empty() && live()) {
+        if (!writing_ && !queued_.empty() && (!reading_ || count_ <= kEagerWrites) && live()) {
             write(lock, {}, deadline);
             continue;
         }
