@@ -28,8 +28,17 @@
  *   they are made ("auto", the default; "native"; "functions"), never what
  *   they answer. Every call returns within
  *   connect_attempts x connect_timeout_s + command_timeout_s seconds
- *   (kv_client_create) of being entered, whatever the servers do. A client
- *   is used by one thread at a time; memory managers may be shared.
+ *   (kv_client_create) of being entered, whatever the servers do.
+ * - A client may be used by any number of threads at once, and memory
+ *   managers may be shared. The threads share its one connection to each
+ *   server: calls made at the same time to the same server go out together
+ *   (what is queued while a write is under way goes in the next write) and
+ *   their replies come back to each caller in order. Each call keeps its own
+ *   bound and its own guarantees: one whose time runs out before its command
+ *   was sent is never sent; one whose reply is late answers KV_TIMEOUT and
+ *   its reply is thrown away when it comes, the connection going on for the
+ *   others (unless half of that reply had come, which closes it). Only
+ *   kv_client_destroy must wait until no other thread uses the client.
  * - Nothing the server sends is taken on trust: a reply must fit the shape
  *   of its command's and carry back the call's own tag, and counts it
  *   announces are believed only as far as the bytes that carry them. A reply
@@ -195,7 +204,8 @@ kv_client *kv_client_create(int32_t connect_timeout_s, int32_t command_timeout_s
                             int32_t connect_attempts);
 
 /* Closes the connection and frees the client. Buffers handed out stay the
- * caller's. */
+ * caller's. No other thread may be in a call on the client, or make one
+ * after. */
 void kv_client_destroy(kv_client *client);
 
 /* Adds a seed: a server of the store (host as dotted-decimal text or a
@@ -345,13 +355,13 @@ int32_t kv_server_add_options(kv_client *client, const char *host, uint32_t port
 
 /* ---- Why a call failed ------------------------------------------------- */
 
-/* Why the client's last call failed, in words: the certificate check's
- * reason, the server's error line, the file that could not be read...; ""
- * when the last call succeeded or gave an answer of the store (KV_NOTFOUND,
- * KV_ALREADY_EXISTS, KV_NO_SET_KEY, KV_WRONG_REPLY). Valid until the
- * client's next call. Never holds a password. While a client is used by one
- * thread, this is that thread's last call. NULL client: a text that says
- * so. */
+/* Why the calling thread's last call on this client failed, in words: the
+ * certificate check's reason, the server's error line, the file that could
+ * not be read...; "" when that call succeeded or gave an answer of the store
+ * (KV_NOTFOUND, KV_ALREADY_EXISTS, KV_NO_SET_KEY, KV_WRONG_REPLY). Other
+ * threads' calls on the same client never change it. Valid until the
+ * thread's next call on the client, or the thread's end. Never holds a
+ * password. NULL client: a text that says so. */
 const char *kv_last_error(const kv_client *client);
 
 /* The name of a status, "KV_TIMEOUT"; "unknown status" for others. */
