@@ -42,20 +42,12 @@ int32_t kv_client::run_function(const char* key, std::size_t key_len, kelvane::R
     return router.run(call.request, kelvane::key_slot(key, key_len), sink, true, call.deadline);
 }
 
-int32_t kv_client::run_command(const char* key, std::size_t key_len, kelvane::ReplySink& sink) {
+int32_t kv_client::run_native(const char* key, std::size_t key_len, kelvane::ReplySink& sink, bool hold) {
     const std::string_view tag = next_tag();
     kelvane::CallState& call = kelvane::this_call();
     call.request.then_ping(tag);
     sink.expect_tag(tag, kelvane::TagPlace::own_reply);
-    return router.run(call.request, kelvane::key_slot(key, key_len), sink, false, call.deadline);
-}
-
-int32_t kv_client::run_held(const char* key, std::size_t key_len, kelvane::ReplySink& sink) {
-    const std::string_view tag = next_tag();
-    kelvane::CallState& call = kelvane::this_call();
-    call.request.then_ping(tag);
-    sink.expect_tag(tag, kelvane::TagPlace::own_reply);
-    return router.run(call.request, kelvane::key_slot(key, key_len), sink, false, call.deadline, true);
+    return router.run(call.request, kelvane::key_slot(key, key_len), sink, false, call.deadline, hold);
 }
 
 int32_t kv_client::run_pinned(kelvane::ReplySink& sink) {

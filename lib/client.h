@@ -55,11 +55,15 @@ struct kv_client {
     // reply into sink. The router's status, KV_SUCCESS once a reply came.
     int32_t run_function(const char* key, std::size_t key_len, kelvane::ReplySink& sink);
     // Runs the native commands in request on the node that serves K.
-    int32_t run_command(const char* key, std::size_t key_len, kelvane::ReplySink& sink);
+    int32_t run_command(const char* key, std::size_t key_len, kelvane::ReplySink& sink) {
+        return run_native(key, key_len, sink, false);
+    }
     // Runs them as run_command does, and keeps the connection they went over
     // to this call alone until release_pin(): for commands that leave state
     // on it for the next (a WATCH).
-    int32_t run_held(const char* key, std::size_t key_len, kelvane::ReplySink& sink);
+    int32_t run_held(const char* key, std::size_t key_len, kelvane::ReplySink& sink) {
+        return run_native(key, key_len, sink, true);
+    }
     // Runs them over the connection the last command used, relying on what
     // it left there (Router::run_pinned).
     int32_t run_pinned(kelvane::ReplySink& sink);
@@ -95,6 +99,7 @@ struct kv_client {
 
 private:
     static uint64_t next_id();
+    int32_t run_native(const char* key, std::size_t key_len, kelvane::ReplySink& sink, bool hold);
     // A tag no other call of this client used, in the calling thread's call
     // state: the call's reply must carry it back, so that a reply left over
     // from another call is never taken for this one's.

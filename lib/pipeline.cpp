@@ -376,7 +376,10 @@ void Pipeline::read(std::unique_lock<std::mutex>& lock, Waiter& me) {
         Slot* h = head();
         h->busy = true;
         int32_t failure = KV_SUCCESS;
-        unlock_and_wake(lock);
+        // The owners of the replies parsed so far are woken once the reader
+        // is through what it holds (before it waits, or leaves): woken one by
+        // one in between, each would take the CPU from the reader.
+        lock.unlock();
         const Parsed parsed = parse(*h, &failure);
         lock.lock();
         h->busy = false;
