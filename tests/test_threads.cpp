@@ -2,7 +2,8 @@
 // connection the client keeps to a node, through a server killed while sixteen threads are mid-call (each call
 // within its bound), a server that stops answering for longer than a call waits (the late calls time out, their
 // replies are thrown away when they come, and the connection stays in step), and a cluster that moves a slot and
-// fails a master over under them. Each thread reads values only it wrote, so an answer handed to the wrong thread
+// fails a master over under them, and over TLS, whose sessions one thread at a time may use. Each thread reads
+// values only it wrote, so an answer handed to the wrong thread
 // shows. Label `threads`, also run under ThreadSanitizer (build-tsan/).
 #include <gtest/gtest.h>
 
@@ -20,6 +21,7 @@
 
 #include "redis_cluster.h"
 #include "redis_server.h"
+#include "tls_certificates.h"
 #include "workload.h"
 
 namespace kelvane_test {
@@ -173,6 +175,35 @@ TEST(Threads, LateRepliesTimeOutAndAreDiscardedWhileTheConnectionStaysInStep) {
     EXPECT_GT(timeouts, 0) << "no call waited past its deadline";
     // The replies of the calls that gave up were read and thrown away: the connection is the one from before.
     EXPECT_EQ(client_connections(server), before);
+}
+
+// Over TLS the threads' reads and writes meet in one OpenSSL session: every answer still reaches its own thread.
+TEST(Threads, SixteenThreadsShareOneTlsConnection) {
+    const TestCertificates certs;
+    const CertPair pair = certs.server();
+    ServerOptions tls;
+    tls.tls_cert = pair.cert;
+    tls.tls_key = pair.key;
+    tls.tls_ca = certs.ca();
+    RedisServer server(0, tls);
+    const std::string ca = certs.ca();
+    kv_server_options options = KV_SERVER_OPTIONS_INIT;
+    options.tls_mode = KV_TLS_VERIFY_FULL;
+    options.tls_ca_file = ca.c_str();
+    KvClient client;
+    ASSERT_EQ(client.add_seed(server.port(), &options), KV_SUCCESS) << kv_last_error(client.get());
+    Readers readers(client, 16);
+    std::this_thread::sleep_for(1s);
+    EXPECT_EQ(client_connections(server).size(), 1u);
+    readers.stop();
+    for (size_t t = 0; t < readers.seen().size(); ++t) {
+        long right = 0;
+        for (const Seen& s : readers.seen()[t]) {
+            EXPECT_TRUE(s.right) << "thread " << t << ": status " << s.status;
+            right += s.right ? 1 : 0;
+        }
+        EXPECT_GT(right, 0) << "thread " << t;
+    }
 }
 
 // Eight threads on one client, each a workload of its own keys: four on a slot that moves to another master and
