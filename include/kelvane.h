@@ -360,8 +360,9 @@ int32_t kv_server_add_options(kv_client *client, const char *host, uint32_t port
  * not be read...; "" when that call succeeded or gave an answer of the store
  * (KV_NOTFOUND, KV_ALREADY_EXISTS, KV_NO_SET_KEY, KV_WRONG_REPLY). Other
  * threads' calls on the same client never change it. Valid until the
- * thread's next call on the client, or the thread's end. Never holds a
- * password. NULL client: a text that says so. */
+ * thread's next call on the client, or the thread's end (a thread keeps
+ * the texts of the last 16 clients it saw fail; an older one reads "").
+ * Never holds a password. NULL client: a text that says so. */
 const char *kv_last_error(const kv_client *client);
 
 /* The name of a status, "KV_TIMEOUT"; "unknown status" for others. */
