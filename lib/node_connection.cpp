@@ -41,6 +41,17 @@ int32_t NodeConnection::open(const Endpoint& endpoint, const NodeSettings& setti
     }
     pipeline_.start(std::move(socket), std::move(reader));
     status = greet(settings, deadline);
+    if (status == KV_TLS_FAILED && !settings.tls) {
+        // A plaintext greeting dropped without a word is what a TLS port
+        // does, and also what a server that is going away does. One that
+        // no longer listens is the latter.
+        Socket probe;
+        if (probe.connect(endpoint.host, endpoint.port, connect_deadline) != KV_SUCCESS && probe.refused()) {
+            failure_ = "the server closed the connection at the greeting and no longer listens";
+            refused_ = true;
+            status = KV_CONNECT_FAILED;
+        }
+    }
     if (status != KV_SUCCESS) {
         failure_ = where + ": " + failure_;
         close();
