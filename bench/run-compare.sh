@@ -29,38 +29,14 @@ elif [[ ${1:-} == --tls ]]; then
   shift
 fi
 
-# Whatever is missing comes from the project's set-up, which also builds.
-needed=(g++ cmake redis-server pkg-config)
-((strace_check)) && needed+=(strace)
-((tls)) && needed+=(openssl)
-missing=0
-for tool in "${needed[@]}"; do
-  command -v "$tool" >/dev/null || missing=1
-done
-((missing)) || pkg-config --exists hiredis || missing=1
-((missing)) || pkg-config --exists openssl || missing=1
-if ((missing)); then
-  scripts/setup.sh --tests "$build_dir"
-fi
-# An existing build directory keeps its own settings; a new one gets the
-# project's defaults.
-if [[ ! -f $build_dir/CMakeCache.txt ]]; then
-  cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo >&2
-fi
 target=kelvane_compare
 ((tls)) && target=kelvane_tls_compare
-cmake --build "$build_dir" -j2 --target "$target" >&2
+tools=()
+((strace_check)) && tools+=(strace)
+((tls)) && tools+=(openssl)
+. bench/bench-common.sh
+bench_build "$build_dir" "$target" "${tools[@]}"
 bin="$build_dir/bench/$target"
-
-# Runs a command inside a private network namespace with loopback up, or
-# as it is when unshare is not permitted here.
-isolated() {
-  if unshare -n true 2>/dev/null && command -v ip >/dev/null; then
-    unshare -n bash -c 'ip link set lo up && exec "$@"' isolated "$@"
-  else
-    "$@"
-  fi
-}
 
 if ((!strace_check)); then
   isolated "$bin" "$@"
